@@ -1,0 +1,34 @@
+// What the host platform's own parts (devices, supervisor, loader, tests) need of the kernel
+// beyond the kernel entries. Host code only.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+
+#include "platform/kernel.h"
+
+namespace host::kernel {
+
+// A port whose messages are not queued: a send runs the handler at once, in the sender's thread,
+// with the message. Devices take their requests this way, so that a command that can finish at
+// once costs no thread switch. The handler must not block for long.
+using PortHandler = std::function<void(const orlix::Message&)>;
+orlix::Handle create_service_port(PortHandler handler);
+
+// Values that _SL_GetState reports for the selectors the host decides (registry port 9,
+// supervisor port 10).
+void set_state(std::uint64_t selector, std::int64_t value);
+
+// Raises an exception of a class on a kernel thread. It is delivered at the thread's next kernel
+// entry or at once if the thread waits in the kernel.
+orlix::Status raise_exception(orlix::Handle thread, std::uint64_t exception_class, std::uint64_t number,
+                              std::uint64_t argument);
+
+// Called, on the deleting thread, when the task is deleted; it must not return. The default ends
+// the host process with status 128 + 9.
+void set_task_end_hook(std::function<void()> hook);
+
+// Number of live kernel objects: tests use it to prove that nothing leaks.
+std::uint64_t live_object_count();
+
+} // namespace host::kernel
