@@ -28,6 +28,10 @@ orlix::Status raise_exception(orlix::Handle thread, std::uint64_t exception_clas
 // the host process with status 128 + 9.
 void set_task_end_hook(std::function<void()> hook);
 
+// Type of the message that a watch object (_SL_CreateWatchObject) sends to its port when the
+// watched task ends: word1 the task's id, word2 0.
+inline constexpr std::uint64_t MSG_WATCH_TASK_ENDED = 0xd0030003;
+
 // Number of live kernel objects: tests use it to prove that nothing leaks.
 std::uint64_t live_object_count();
 

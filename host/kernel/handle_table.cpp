@@ -1,0 +1,228 @@
+// The handle table: chunks of slots, each slot guarded by its own spin lock, free slots on a
+// lock-free stack. A handle carries its slot index and the slot's generation, so a stale handle
+// never reaches the object that took its slot later.
+#include <array>
+#include <atomic>
+
+#include "host/kernel/object.h"
+#include "host/kernel/spin_lock.h"
+
+namespace host::kernel {
+
+namespace {
+
+constexpr std::uint32_t CHUNK_BITS = 12;
+constexpr std::uint32_t CHUNK_SIZE = 1u << CHUNK_BITS;
+constexpr std::uint32_t MAX_CHUNKS = 1024;
+
+struct Slot {
+    SpinLock lock;
+    orlix::Handle handle = 0; // 0 while free
+    std::uint64_t flags = 0;
+    ObjectRef object;
+    std::uint32_t generation = 0;
+    std::atomic<std::uint32_t> next_free{0};
+};
+
+struct Chunk {
+    std::array<Slot, CHUNK_SIZE> slots;
+};
+
+std::array<std::atomic<Chunk*>, MAX_CHUNKS> chunks{};
+std::atomic<std::uint32_t> high_water{0};
+// Top of the free stack: (tag << 32) | (index + 1), low half 0 when empty. The tag, which
+// every change raises, defeats ABA.
+std::atomic<std::uint64_t> free_top{0};
+std::atomic<std::uint64_t> live_count{0};
+
+Slot* slot_at(std::uint32_t index)
+{
+    std::uint32_t c = index >> CHUNK_BITS;
+    if (c >= MAX_CHUNKS)
+        return nullptr;
+    Chunk* chunk = chunks[c].load(std::memory_order_acquire);
+    if (chunk == nullptr) {
+        auto* fresh = new Chunk();
+        if (chunks[c].compare_exchange_strong(chunk, fresh, std::memory_order_acq_rel))
+            chunk = fresh;
+        else
+            delete fresh;
+    }
+    return &chunk->slots[index & (CHUNK_SIZE - 1)];
+}
+
+bool pop_free(std::uint32_t* index)
+{
+    std::uint64_t top = free_top.load(std::memory_order_acquire);
+    while (static_cast<std::uint32_t>(top) != 0) {
+        std::uint32_t i = static_cast<std::uint32_t>(top) - 1;
+        std::uint64_t next = slot_at(i)->next_free.load(std::memory_order_relaxed);
+        std::uint64_t replacement = (((top >> 32) + 1) << 32) | next;
+        if (free_top.compare_exchange_weak(top, replacement, std::memory_order_acq_rel)) {
+            *index = i;
+            return true;
+        }
+    }
+    return false;
+}
+
+void push_free(std::uint32_t index)
+{
+    Slot* slot = slot_at(index);
+    std::uint64_t top = free_top.load(std::memory_order_relaxed);
+    for (;;) {
+        slot->next_free.store(static_cast<std::uint32_t>(top), std::memory_order_relaxed);
+        std::uint64_t replacement = (((top >> 32) + 1) << 32) | (index + 1);
+        if (free_top.compare_exchange_weak(top, replacement, std::memory_order_acq_rel))
+            return;
+    }
+}
+
+bool take_slot(std::uint32_t* index)
+{
+    if (pop_free(index))
+        return true;
+    std::uint32_t fresh = high_water.fetch_add(1, std::memory_order_relaxed);
+    if (fresh >= MAX_CHUNKS * CHUNK_SIZE) {
+        high_water.fetch_sub(1, std::memory_order_relaxed);
+        return false;
+    }
+    *index = fresh;
+    return true;
+}
+
+Slot* slot_of(orlix::Handle handle, std::uint32_t* index_out = nullptr)
+{
+    if (handle <= 0)
+        return nullptr;
+    std::uint32_t low = static_cast<std::uint32_t>(handle);
+    if (low == 0 || low - 1 >= high_water.load(std::memory_order_acquire))
+        return nullptr;
+    if (index_out != nullptr)
+        *index_out = low - 1;
+    return slot_at(low - 1);
+}
+
+} // namespace
+
+Object::Object(Kind kind) : kind_(kind) { live_count.fetch_add(1, std::memory_order_relaxed); }
+
+Object::~Object() { live_count.fetch_sub(1, std::memory_order_relaxed); }
+
+bool Object::kill()
+{
+    if (dead_.exchange(true, std::memory_order_acq_rel))
+        return false;
+    on_delete();
+    return true;
+}
+
+orlix::Handle register_handle(const ObjectRef& object, std::uint64_t flags)
+{
+    std::uint32_t index;
+    if (!take_slot(&index))
+        return orlix::INVALID_HANDLE;
+    Slot* slot = slot_at(index);
+    orlix::Handle handle;
+    {
+        SpinGuard guard(slot->lock);
+        slot->generation = (slot->generation + 1) & 0x7fffffff;
+        if (slot->generation == 0)
+            slot->generation = 1;
+        handle = (static_cast<orlix::Handle>(slot->generation) << 32) | (index + 1);
+        slot->handle = handle;
+        slot->flags = flags;
+        slot->object = object;
+    }
+    std::lock_guard guard(object->handles_lock_);
+    if (object->dead()) {
+        {
+            SpinGuard slot_guard(slot->lock);
+            slot->handle = 0;
+            slot->object.reset();
+        }
+        push_free(index);
+        return orlix::INVALID_HANDLE;
+    }
+    object->handles_.push_back(handle);
+    orlix::Handle none = orlix::INVALID_HANDLE;
+    object->primary_.compare_exchange_strong(none, handle, std::memory_order_relaxed);
+    return handle;
+}
+
+ObjectRef lookup(orlix::Handle handle)
+{
+    Slot* slot = slot_of(handle);
+    if (slot == nullptr)
+        return nullptr;
+    ObjectRef object;
+    {
+        SpinGuard guard(slot->lock);
+        if (slot->handle == handle)
+            object = slot->object;
+    }
+    if (object && object->dead())
+        return nullptr;
+    return object;
+}
+
+namespace {
+
+// Empties a slot; the object reference is dropped outside the slot's lock.
+ObjectRef clear_slot(orlix::Handle handle)
+{
+    std::uint32_t index;
+    Slot* slot = slot_of(handle, &index);
+    if (slot == nullptr)
+        return nullptr;
+    ObjectRef object;
+    {
+        SpinGuard guard(slot->lock);
+        if (slot->handle != handle)
+            return nullptr;
+        slot->handle = 0;
+        object = std::move(slot->object);
+    }
+    push_free(index);
+    return object;
+}
+
+} // namespace
+
+bool remove_handle(orlix::Handle handle)
+{
+    ObjectRef object = clear_slot(handle);
+    if (!object)
+        return false;
+    bool last;
+    {
+        std::lock_guard guard(object->handles_lock_);
+        std::erase(object->handles_, handle);
+        last = object->handles_.empty();
+    }
+    // An object without handles can't be reached again: it dies with its last one.
+    if (last)
+        object->kill();
+    return true;
+}
+
+void remove_all_handles(Object& object)
+{
+    std::vector<orlix::Handle> handles;
+    {
+        std::lock_guard guard(object.handles_lock_);
+        handles.swap(object.handles_);
+    }
+    for (orlix::Handle handle : handles)
+        clear_slot(handle);
+}
+
+void delete_object(const ObjectRef& object)
+{
+    object->kill();
+    remove_all_handles(*object);
+}
+
+std::uint64_t live_objects() { return live_count.load(std::memory_order_relaxed); }
+
+} // namespace host::kernel

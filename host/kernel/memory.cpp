@@ -1,0 +1,335 @@
+// Memos, views and reservations on Linux mappings. A memo is a size until its view is made; a view
+// is an anonymous mapping, or a fixed one inside a reservation, whose unmapped rest stays
+// inaccessible. Recently freed views wait in a small per-thread cache so that a heap that creates
+// and deletes areas often pays no host system call for it. A reused view is not cleared.
+#include "host/kernel/memory.h"
+
+#include <array>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include "host/kernel/object.h"
+
+namespace host::kernel {
+
+namespace {
+
+std::size_t page_size()
+{
+    static const std::size_t size = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+    return size;
+}
+
+// Size rounded up to whole pages; 0 when it would overflow or is 0.
+std::size_t whole_pages(std::uint64_t size)
+{
+    std::size_t page = page_size();
+    if (size == 0 || size > SIZE_MAX - page)
+        return 0;
+    return (size + page - 1) & ~(page - 1);
+}
+
+class Memo;
+
+struct ViewRecord {
+    std::uintptr_t base;
+    std::size_t size;
+    std::weak_ptr<Memo> memo;
+};
+
+// Views by address, in shards by 2 MiB granule so that lookups of unrelated areas don't meet.
+class AddressMap {
+public:
+    void add(std::uintptr_t base, std::size_t size, const std::shared_ptr<Memo>& memo)
+    {
+        for_each_shard(base, size, [&](Shard& shard) { shard.views[base] = ViewRecord{base, size, memo}; });
+    }
+
+    void remove(std::uintptr_t base, std::size_t size)
+    {
+        for_each_shard(base, size, [&](Shard& shard) { shard.views.erase(base); });
+    }
+
+    bool find(std::uintptr_t address, ViewRecord* out)
+    {
+        Shard& shard = shards_[(address >> GRANULE_BITS) % SHARDS];
+        std::lock_guard guard(shard.lock);
+        auto it = shard.views.upper_bound(address);
+        if (it == shard.views.begin())
+            return false;
+        --it;
+        if (address >= it->second.base + it->second.size)
+            return false;
+        *out = it->second;
+        return true;
+    }
+
+    // Views that lie inside [base, base + size).
+    std::vector<ViewRecord> inside(std::uintptr_t base, std::size_t size)
+    {
+        std::map<std::uintptr_t, ViewRecord> found;
+        for_each_shard(base, size, [&](Shard& shard) {
+            for (auto it = shard.views.lower_bound(base); it != shard.views.end() && it->first < base + size; ++it)
+                found.emplace(it->first, it->second);
+        });
+        std::vector<ViewRecord> views;
+        for (auto& [address, record] : found)
+            views.push_back(record);
+        return views;
+    }
+
+private:
+    static constexpr unsigned GRANULE_BITS = 21;
+    static constexpr std::size_t SHARDS = 16;
+    struct Shard {
+        std::mutex lock;
+        std::map<std::uintptr_t, ViewRecord> views;
+    };
+
+    template <typename F> void for_each_shard(std::uintptr_t base, std::size_t size, F f)
+    {
+        std::uintptr_t first = base >> GRANULE_BITS;
+        std::uintptr_t last = (base + size - 1) >> GRANULE_BITS;
+        std::uintptr_t count = last - first + 1 < SHARDS ? last - first + 1 : SHARDS;
+        for (std::uintptr_t g = first; g < first + count; ++g) {
+            Shard& shard = shards_[g % SHARDS];
+            std::lock_guard guard(shard.lock);
+            f(shard);
+        }
+    }
+
+    std::array<Shard, SHARDS> shards_;
+};
+
+AddressMap& address_map()
+{
+    static AddressMap map;
+    return map;
+}
+
+// Freed mappings kept for reuse by size, per thread.
+class ViewCache {
+public:
+    ~ViewCache()
+    {
+        for (Entry& entry : entries_)
+            if (entry.address != nullptr)
+                munmap(entry.address, entry.size);
+    }
+
+    void* take(std::size_t size)
+    {
+        for (Entry& entry : entries_) {
+            if (entry.address != nullptr && entry.size == size) {
+                void* address = entry.address;
+                entry.address = nullptr;
+                held_ -= size;
+                return address;
+            }
+        }
+        return nullptr;
+    }
+
+    bool keep(void* address, std::size_t size)
+    {
+        if (size > MAX_HELD - held_)
+            return false;
+        for (Entry& entry : entries_) {
+            if (entry.address == nullptr) {
+                entry = Entry{address, size};
+                held_ += size;
+                return true;
+            }
+        }
+        return false;
+    }
+
+private:
+    static constexpr std::size_t MAX_HELD = 16 * 1024 * 1024;
+    struct Entry {
+        void* address = nullptr;
+        std::size_t size = 0;
+    };
+    std::array<Entry, 8> entries_{};
+    std::size_t held_ = 0;
+};
+
+thread_local ViewCache view_cache;
+
+class Reservations {
+public:
+    void add(std::uintptr_t base, std::size_t size)
+    {
+        std::lock_guard guard(lock_);
+        ranges_[base] = size;
+    }
+
+    bool contains(std::uintptr_t base, std::size_t size)
+    {
+        std::lock_guard guard(lock_);
+        auto it = ranges_.upper_bound(base);
+        if (it == ranges_.begin())
+            return false;
+        --it;
+        return base >= it->first && base + size <= it->first + it->second && base + size > base;
+    }
+
+    std::size_t take(std::uintptr_t base)
+    {
+        std::lock_guard guard(lock_);
+        auto it = ranges_.find(base);
+        if (it == ranges_.end())
+            return 0;
+        std::size_t size = it->second;
+        ranges_.erase(it);
+        return size;
+    }
+
+private:
+    std::mutex lock_;
+    std::map<std::uintptr_t, std::size_t> ranges_;
+};
+
+Reservations& reservations()
+{
+    static Reservations r;
+    return r;
+}
+
+class Memo : public Object {
+public:
+    explicit Memo(std::uint64_t size) : Object(Kind::memo), size_(size) {}
+    ~Memo() override { release(); }
+
+    void* map(void* address)
+    {
+        std::lock_guard guard(lock_);
+        if (view_ != nullptr || dead())
+            return nullptr;
+        std::size_t size = whole_pages(size_);
+        if (size == 0)
+            return nullptr;
+        void* view;
+        if (address == nullptr) {
+            view = view_cache.take(size);
+            if (view == nullptr) {
+                view = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+                if (view == MAP_FAILED)
+                    return nullptr;
+            }
+        } else {
+            auto base = reinterpret_cast<std::uintptr_t>(address);
+            ViewRecord other;
+            if (base % page_size() != 0 || !reservations().contains(base, size) ||
+                address_map().find(base, &other) || address_map().find(base + size - 1, &other))
+                return nullptr;
+            view = mmap(address, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0);
+            if (view == MAP_FAILED)
+                return nullptr;
+            in_reservation_ = true;
+        }
+        view_ = view;
+        mapped_ = size;
+        address_map().add(reinterpret_cast<std::uintptr_t>(view), size,
+                          std::static_pointer_cast<Memo>(shared_from_this()));
+        return view;
+    }
+
+    // The reservation that held the view is gone, and the view with it.
+    void forget_view(std::uintptr_t base)
+    {
+        std::lock_guard guard(lock_);
+        if (reinterpret_cast<std::uintptr_t>(view_) == base) {
+            address_map().remove(base, mapped_);
+            view_ = nullptr;
+        }
+    }
+
+private:
+    void on_delete() override { release(); }
+
+    void release()
+    {
+        std::lock_guard guard(lock_);
+        if (view_ == nullptr)
+            return;
+        address_map().remove(reinterpret_cast<std::uintptr_t>(view_), mapped_);
+        if (in_reservation_)
+            mmap(view_, mapped_, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED | MAP_NORESERVE, -1, 0);
+        else if (!view_cache.keep(view_, mapped_))
+            munmap(view_, mapped_);
+        view_ = nullptr;
+    }
+
+    std::uint64_t size_;
+    std::mutex lock_;
+    void* view_ = nullptr;
+    std::size_t mapped_ = 0;
+    bool in_reservation_ = false;
+};
+
+} // namespace
+
+orlix::Handle create_memo(std::uint64_t size)
+{
+    if (whole_pages(size) == 0)
+        return orlix::INVALID_HANDLE;
+    return register_handle(std::make_shared<Memo>(size), 0);
+}
+
+void* alloc_view(orlix::Handle memo, void* address)
+{
+    auto object = lookup_as<Memo>(memo, Kind::memo);
+    return object ? object->map(address) : nullptr;
+}
+
+orlix::Handle memo_at(const void* address)
+{
+    ViewRecord record;
+    if (!address_map().find(reinterpret_cast<std::uintptr_t>(address), &record))
+        return orlix::INVALID_HANDLE;
+    auto memo = record.memo.lock();
+    if (!memo || memo->dead())
+        return orlix::INVALID_HANDLE;
+    return memo->primary_handle();
+}
+
+bool view_bounds(const void* address, void** base, std::size_t* size)
+{
+    ViewRecord record;
+    if (!address_map().find(reinterpret_cast<std::uintptr_t>(address), &record))
+        return false;
+    *base = reinterpret_cast<void*>(record.base);
+    *size = record.size;
+    return true;
+}
+
+void* reserve(std::uint64_t size)
+{
+    std::size_t whole = whole_pages(size);
+    if (whole == 0)
+        return nullptr;
+    void* base = mmap(nullptr, whole, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (base == MAP_FAILED)
+        return nullptr;
+    reservations().add(reinterpret_cast<std::uintptr_t>(base), whole);
+    return base;
+}
+
+orlix::Status release_reservation(void* address)
+{
+    auto base = reinterpret_cast<std::uintptr_t>(address);
+    std::size_t size = reservations().take(base);
+    if (size == 0)
+        return orlix::STATUS_BAD_ARGUMENT;
+    for (ViewRecord& record : address_map().inside(base, size))
+        if (auto memo = record.memo.lock())
+            memo->forget_view(record.base);
+    munmap(address, size);
+    return orlix::STATUS_DONE;
+}
+
+} // namespace host::kernel

@@ -1,0 +1,74 @@
+// Kernel objects and the handle table that names them. Every kernel entry turns a handle into an
+// object here; the lookup takes only the lock of the handle's own slot.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "platform/kernel.h"
+
+namespace host::kernel {
+
+enum class Kind { task, thread, port, pipe, semaphore, event, memo, watch };
+
+class Object : public std::enable_shared_from_this<Object> {
+public:
+    explicit Object(Kind kind);
+    virtual ~Object();
+    Object(const Object&) = delete;
+    Object& operator=(const Object&) = delete;
+
+    Kind kind() const { return kind_; }
+    bool dead() const { return dead_.load(std::memory_order_acquire); }
+    orlix::Handle primary_handle() const { return primary_.load(std::memory_order_relaxed); }
+
+    // Marks the object dead once and runs on_delete; true for the call that did it.
+    bool kill();
+
+private:
+    friend orlix::Handle register_handle(const std::shared_ptr<Object>&, std::uint64_t);
+    friend bool remove_handle(orlix::Handle);
+    friend void remove_all_handles(Object&);
+
+    // What an object does when it is deleted: wake its waiters, give back its memory.
+    virtual void on_delete() {}
+
+    Kind kind_;
+    std::atomic<bool> dead_{false};
+    std::atomic<orlix::Handle> primary_{orlix::INVALID_HANDLE};
+    std::mutex handles_lock_;
+    std::vector<orlix::Handle> handles_;
+};
+
+using ObjectRef = std::shared_ptr<Object>;
+
+// Gives the object a new handle with the flags; the first handle of an object is its primary one.
+// -1 when the table is full.
+orlix::Handle register_handle(const ObjectRef& object, std::uint64_t flags);
+
+// The live object behind a handle, or null.
+ObjectRef lookup(orlix::Handle handle);
+
+template <typename T> std::shared_ptr<T> lookup_as(orlix::Handle handle, Kind kind)
+{
+    ObjectRef object = lookup(handle);
+    if (!object || object->kind() != kind)
+        return nullptr;
+    return std::static_pointer_cast<T>(object);
+}
+
+// Removes one handle; the object lives on through its other handles. False for an unknown handle.
+bool remove_handle(orlix::Handle handle);
+
+// Removes every handle of the object.
+void remove_all_handles(Object& object);
+
+// Deletes an object: it dies, all its handles go, and its memory goes with the last reference.
+void delete_object(const ObjectRef& object);
+
+std::uint64_t live_objects();
+
+} // namespace host::kernel

@@ -1,0 +1,165 @@
+// Message ports, message pipes and service ports. A port queues messages in arrival order; a
+// pipe sends what reaches one port on to another; a service port runs its handler in the
+// sender's thread instead of queueing.
+#include <deque>
+
+#include "host/kernel/host_kernel.h"
+#include "host/kernel/thread.h"
+
+namespace host::kernel {
+
+namespace {
+
+class Port : public Object {
+public:
+    Port() : Object(Kind::port) {}
+    explicit Port(PortHandler handler) : Object(Kind::port), handler(std::move(handler)) {}
+
+    std::mutex lock;
+    std::deque<orlix::Message> queue;
+    WaitList waiters;
+    const PortHandler handler;
+    std::weak_ptr<Port> forward; // set while a pipe leads this port's messages elsewhere
+
+private:
+    void on_delete() override
+    {
+        std::lock_guard guard(lock);
+        queue.clear();
+        while (KThread* waiter = waiters.pop())
+            waiter->parker.unpark();
+    }
+};
+
+class Pipe : public Object {
+public:
+    Pipe(std::shared_ptr<Port> source) : Object(Kind::pipe), source_(std::move(source)) {}
+
+private:
+    void on_delete() override
+    {
+        std::lock_guard guard(source_->lock);
+        source_->forward.reset();
+    }
+
+    std::shared_ptr<Port> source_;
+};
+
+constexpr int MAX_PIPE_HOPS = 8;
+
+orlix::Status send(orlix::Handle handle, const orlix::Message& message)
+{
+    auto port = lookup_as<Port>(handle, Kind::port);
+    for (int hop = 0; port && hop < MAX_PIPE_HOPS; ++hop) {
+        if (port->handler) {
+            port->handler(message);
+            return orlix::STATUS_DONE;
+        }
+        // The waiter is woken under the lock: until it has the lock back, it can't leave its
+        // wait, so its record stays alive.
+        std::shared_ptr<Port> next;
+        {
+            std::lock_guard guard(port->lock);
+            next = port->forward.lock();
+            if (!next) {
+                if (port->dead())
+                    return orlix::STATUS_BAD_HANDLE;
+                port->queue.push_back(message);
+                if (KThread* waiter = port->waiters.pop())
+                    waiter->parker.unpark();
+                return orlix::STATUS_DONE;
+            }
+        }
+        port = std::move(next);
+    }
+    return orlix::STATUS_BAD_HANDLE;
+}
+
+orlix::Status receive(orlix::Handle handle, orlix::Message* out, std::int64_t timeout)
+{
+    auto port = lookup_as<Port>(handle, Kind::port);
+    if (!port)
+        return orlix::STATUS_BAD_HANDLE;
+    if (port->handler)
+        return orlix::STATUS_BAD_ARGUMENT;
+    std::unique_lock lock(port->lock);
+    orlix::Status status =
+        wait_on(lock, port->waiters, *port, timeout, true, [&] { return !port->queue.empty(); });
+    if (status == orlix::STATUS_DONE) {
+        *out = port->queue.front();
+        port->queue.pop_front();
+    }
+    return status;
+}
+
+} // namespace
+
+orlix::Handle create_service_port(PortHandler handler)
+{
+    return register_handle(std::make_shared<Port>(std::move(handler)), 0);
+}
+
+} // namespace host::kernel
+
+namespace orlix {
+
+using namespace host::kernel;
+
+Handle _SL_CreateMsgPort(std::uint64_t, std::uint64_t)
+{
+    enter_kernel(current_thread());
+    return register_handle(std::make_shared<Port>(), 0);
+}
+
+Handle _SL_CreateMsgPipe(std::uint64_t, Handle port_a, Handle port_b, std::uint64_t, std::uint64_t)
+{
+    enter_kernel(current_thread());
+    auto a = lookup_as<Port>(port_a, Kind::port);
+    auto b = lookup_as<Port>(port_b, Kind::port);
+    if (!a || !b || a == b || b->handler)
+        return INVALID_HANDLE;
+    {
+        std::lock_guard guard(b->lock);
+        b->forward = a;
+    }
+    return register_handle(std::make_shared<Pipe>(b), 0);
+}
+
+Status _SL_SendMsg(Handle port, std::uint64_t word1, std::uint64_t type, std::uint64_t word2, std::int64_t)
+{
+    KThread* self = current_thread();
+    enter_kernel(self);
+    Status status = send(port, Message{word1, type, word2});
+    leave_kernel(self);
+    return status;
+}
+
+Status _SL_RecvMsgPtr(Handle port, Message* message, std::int64_t timeout)
+{
+    KThread* self = current_thread();
+    if (enter_kernel(self))
+        return STATUS_REPEAT;
+    if (message == nullptr)
+        return STATUS_BAD_ARGUMENT;
+    Status status = receive(port, message, timeout);
+    leave_kernel(self);
+    return status;
+}
+
+Status _SL_RecvMsg(Handle port, std::uint64_t* word1, std::uint64_t* type, std::uint64_t* word2,
+                   std::int64_t timeout)
+{
+    Message message{};
+    Status status = _SL_RecvMsgPtr(port, &message, timeout);
+    if (status == STATUS_DONE) {
+        if (word1 != nullptr)
+            *word1 = message.word1;
+        if (type != nullptr)
+            *type = message.type;
+        if (word2 != nullptr)
+            *word2 = message.word2;
+    }
+    return status;
+}
+
+} // namespace orlix

@@ -1,0 +1,304 @@
+// Kernel threads on Linux. A thread made by _SL_CreateThread is a host thread that keeps the
+// host's own bookkeeping on a small host stack and runs its entry on the stack the caller gave,
+// reached by a context switch; ending the thread switches back. Exceptions are delivered at kernel
+// entry and during waits, and a handler leaves through a jump back to its delivery frame.
+#include "host/kernel/thread.h"
+
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <linux/futex.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include "host/kernel/memory.h"
+#include "host/kernel/spin_lock.h"
+#include "host/kernel/task.h"
+
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/common_interface_defs.h>
+#define ORLIX_FIBERS 1
+#endif
+
+namespace host::kernel {
+
+namespace {
+
+// The calling thread's record, and the reference that keeps a taken-over host thread's record.
+thread_local KThread* self_thread = nullptr;
+
+struct AdoptedThread {
+    std::shared_ptr<KThread> record;
+    ~AdoptedThread()
+    {
+        if (record) {
+            delete_object(record);
+            self_thread = nullptr;
+        }
+    }
+};
+thread_local AdoptedThread adopted;
+
+constexpr int SPINS_BEFORE_SLEEP = 2000;
+constexpr std::size_t HOST_STACK_FOR_SWITCHED = 256 * 1024;
+constexpr std::size_t FALLBACK_SYSTEM_STACK = 16 * 1024;
+
+long futex(std::atomic<std::uint32_t>* word, int op, std::uint32_t value, const timespec* timeout)
+{
+    return syscall(SYS_futex, reinterpret_cast<std::uint32_t*>(word), op, value, timeout, nullptr, 0);
+}
+
+void start_fiber_switch([[maybe_unused]] void** fake_stack, [[maybe_unused]] const void* bottom,
+                        [[maybe_unused]] std::size_t size)
+{
+#ifdef ORLIX_FIBERS
+    __sanitizer_start_switch_fiber(fake_stack, bottom, size);
+#endif
+}
+
+void finish_fiber_switch([[maybe_unused]] void* fake_stack, [[maybe_unused]] const void** bottom,
+                         [[maybe_unused]] std::size_t* size)
+{
+#ifdef ORLIX_FIBERS
+    __sanitizer_finish_switch_fiber(fake_stack, bottom, size);
+#endif
+}
+
+// First code on the system stack.
+void system_stack_main()
+{
+    KThread* self = self_thread;
+    finish_fiber_switch(nullptr, &self->host_stack_bottom, &self->host_stack_size);
+    self->entry(self->argument);
+    end_current_thread();
+}
+
+void* host_thread_main(void* raw)
+{
+    std::unique_ptr<std::shared_ptr<KThread>> holder(static_cast<std::shared_ptr<KThread>*>(raw));
+    std::shared_ptr<KThread> record = *holder;
+    holder.reset();
+    KThread* self = record.get();
+    self_thread = self;
+    if (self->stack_top == nullptr) {
+        self->entry(self->argument);
+    } else {
+        void* base = nullptr;
+        std::size_t size = 0;
+        if (!view_bounds(static_cast<char*>(self->stack_top) - 1, &base, &size)) {
+            size = FALLBACK_SYSTEM_STACK;
+            base = static_cast<char*>(self->stack_top) - size;
+        }
+        std::size_t usable = static_cast<std::size_t>(static_cast<char*>(self->stack_top) - static_cast<char*>(base));
+        getcontext(&self->system_context);
+        self->system_context.uc_stack.ss_sp = base;
+        self->system_context.uc_stack.ss_size = usable;
+        self->system_context.uc_link = nullptr;
+        makecontext(&self->system_context, system_stack_main, 0);
+        start_fiber_switch(&self->sanitizer_fake_stack, base, usable);
+        swapcontext(&self->host_context, &self->system_context);
+        finish_fiber_switch(self->sanitizer_fake_stack, nullptr, nullptr);
+    }
+    self_thread = nullptr;
+    delete_object(record);
+    return nullptr;
+}
+
+// Delivers one exception; gives the handler's status.
+std::uint64_t deliver(KThread* self, const PendingException& exception)
+{
+    HandlerEntry entry = exception_handler(exception.exception_class);
+    if (entry.handler == nullptr) {
+        if (exception.exception_class == orlix::EXCEPTION_SYSTEM)
+            end_task();
+        return 0;
+    }
+    DeliveryFrame frame{};
+    frame.outer = self->frames;
+    self->frames = &frame;
+    if (setjmp(frame.jump) == 0)
+        frame.status = entry.handler(entry.table, exception.number, exception.argument, &frame.word, 0, 0);
+    self->frames = frame.outer;
+    return frame.status;
+}
+
+} // namespace
+
+void Parker::unpark()
+{
+    if (permit_.exchange(1, std::memory_order_seq_cst) == 0)
+        futex(&permit_, FUTEX_WAKE_PRIVATE, 1, nullptr);
+}
+
+void Parker::park(std::optional<Clock::time_point> deadline)
+{
+    for (int i = 0; i < SPINS_BEFORE_SLEEP; ++i) {
+        if (permit_.load(std::memory_order_acquire) != 0)
+            return;
+        cpu_relax();
+    }
+    timespec relative{};
+    const timespec* timeout = nullptr;
+    if (deadline) {
+        auto left = *deadline - Clock::now();
+        if (left <= Clock::duration::zero())
+            return;
+        auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(left).count();
+        relative.tv_sec = static_cast<time_t>(ns / 1000000000);
+        relative.tv_nsec = static_cast<long>(ns % 1000000000);
+        timeout = &relative;
+    }
+    futex(&permit_, FUTEX_WAIT_PRIVATE, 0, timeout);
+}
+
+void KThread::raise(const PendingException& exception)
+{
+    {
+        std::lock_guard guard(pending_lock);
+        pending.push_back(exception);
+        attention.store(true, std::memory_order_seq_cst);
+    }
+    parker.unpark();
+}
+
+void KThread::on_delete()
+{
+    delete_requested.store(true, std::memory_order_seq_cst);
+    attention.store(true, std::memory_order_seq_cst);
+    parker.unpark();
+}
+
+KThread* current_thread()
+{
+    if (self_thread != nullptr)
+        return self_thread;
+    auto record = std::make_shared<KThread>();
+    if (register_handle(record, 0) == orlix::INVALID_HANDLE) {
+        std::fputs("kernel: no handle left for a new thread\n", stderr);
+        std::abort();
+    }
+    adopted.record = record;
+    self_thread = record.get();
+    return self_thread;
+}
+
+bool attend(KThread* self)
+{
+    bool repeat = false;
+    for (;;) {
+        if (self->delete_requested.load(std::memory_order_acquire))
+            return repeat;
+        PendingException exception;
+        {
+            std::lock_guard guard(self->pending_lock);
+            if (self->pending.empty()) {
+                self->attention.store(false, std::memory_order_seq_cst);
+                return repeat;
+            }
+            exception = self->pending.front();
+            self->pending.pop_front();
+        }
+        if (deliver(self, exception) == 1)
+            repeat = true;
+    }
+}
+
+void end_current_thread()
+{
+    KThread* self = current_thread();
+    self->kill();
+    if (self->entry == nullptr) {
+        // A host thread taken over: it ends as a host thread.
+        delete_object(adopted.record);
+        adopted.record.reset();
+        self_thread = nullptr;
+        pthread_exit(nullptr);
+    }
+    if (self->stack_top == nullptr) {
+        self_thread = nullptr;
+        pthread_exit(nullptr);
+    }
+    start_fiber_switch(nullptr, self->host_stack_bottom, self->host_stack_size);
+    setcontext(&self->host_context);
+    std::abort();
+}
+
+orlix::Handle create_thread(orlix::ThreadEntry entry, void* argument, void* stack_top)
+{
+    if (entry == nullptr)
+        return orlix::INVALID_HANDLE;
+    auto record = std::make_shared<KThread>();
+    record->entry = entry;
+    record->argument = argument;
+    record->stack_top = stack_top;
+    orlix::Handle handle = register_handle(record, 0);
+    if (handle == orlix::INVALID_HANDLE)
+        return orlix::INVALID_HANDLE;
+
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+    if (stack_top != nullptr)
+        pthread_attr_setstacksize(&attributes, HOST_STACK_FOR_SWITCHED);
+    sigset_t all;
+    sigfillset(&all);
+    pthread_attr_setsigmask_np(&attributes, &all);
+    auto* holder = new std::shared_ptr<KThread>(record);
+    pthread_t id;
+    int failed = pthread_create(&id, &attributes, host_thread_main, holder);
+    pthread_attr_destroy(&attributes);
+    if (failed != 0) {
+        delete holder;
+        delete_object(record);
+        return orlix::INVALID_HANDLE;
+    }
+    return handle;
+}
+
+void WaitList::push(KThread* thread)
+{
+    thread->wait_prev = tail_;
+    thread->wait_next = nullptr;
+    if (tail_ != nullptr)
+        tail_->wait_next = thread;
+    else
+        head_ = thread;
+    tail_ = thread;
+    thread->wait_linked = true;
+}
+
+void WaitList::remove(KThread* thread)
+{
+    if (!thread->wait_linked)
+        return;
+    if (thread->wait_prev != nullptr)
+        thread->wait_prev->wait_next = thread->wait_next;
+    else
+        head_ = thread->wait_next;
+    if (thread->wait_next != nullptr)
+        thread->wait_next->wait_prev = thread->wait_prev;
+    else
+        tail_ = thread->wait_prev;
+    thread->wait_linked = false;
+    thread->wait_next = thread->wait_prev = nullptr;
+}
+
+KThread* WaitList::pop()
+{
+    KThread* thread = head_;
+    if (thread != nullptr)
+        remove(thread);
+    return thread;
+}
+
+std::optional<Clock::time_point> deadline_after(std::int64_t timeout_ms)
+{
+    if (timeout_ms < 0)
+        return std::nullopt;
+    return Clock::now() + std::chrono::milliseconds(timeout_ms);
+}
+
+} // namespace host::kernel
