@@ -42,7 +42,7 @@ struct AdoptedThread {
 };
 thread_local AdoptedThread adopted;
 
-constexpr int SPINS_BEFORE_SLEEP = 2000;
+constexpr int SPINS_BEFORE_SLEEP = 64;
 constexpr std::size_t HOST_STACK_FOR_SWITCHED = 256 * 1024;
 constexpr std::size_t FALLBACK_SYSTEM_STACK = 16 * 1024;
 
