@@ -128,7 +128,9 @@ Handle _SL_CreateMsgPipe(std::uint64_t, Handle port_a, Handle port_b, std::uint6
 Status _SL_SendMsg(Handle port, std::uint64_t word1, std::uint64_t type, std::uint64_t word2, std::int64_t)
 {
     KThread* self = current_thread();
-    enter_kernel(self);
+    // A handler that asked for a repeat gets 310 before anything is sent.
+    if (enter_kernel(self))
+        return STATUS_REPEAT;
     Status status = send(port, Message{word1, type, word2});
     leave_kernel(self);
     return status;
