@@ -1,0 +1,80 @@
+// The tcpip device service: sockets over Linux, with send buffering and read-ahead so that a
+// 4096-byte command costs about one copy. Host code; see tcpip.cpp.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "host/devices/devices.h"
+#include "host/devices/framework.h"
+#include "platform/tcp_wire.h"
+
+namespace host::devices {
+
+class Tcpip final : public Service {
+public:
+    Tcpip();
+    ~Tcpip() override;
+
+    // Sockets open or still flushing before their close.
+    std::size_t socket_count();
+
+private:
+    struct Chunk;
+    struct Waiter;
+    struct Socket;
+    using SocketRef = std::shared_ptr<Socket>;
+
+    Outcome run(Request& r) override;
+    void cancel(Request& r) override;
+    Outcome timed_out(Request& r) override;
+    void closing(Open& open) override;
+    void on_event(std::uint64_t key, std::uint32_t events) override;
+    void on_wake() override;
+
+    Outcome cmd_create(Request& r);
+    Outcome cmd_close(Request& r);
+    Outcome cmd_address(Request& r);
+    Outcome cmd_setopt(Request& r);
+    Outcome cmd_listen(Request& r);
+    Outcome cmd_accept(Request& r);
+    Outcome cmd_connect(Request& r);
+    Outcome cmd_transfer(Request& r);
+
+    Outcome try_accept(Socket& s, Request& r);
+    Outcome try_connect(Socket& s);
+    Outcome try_send(Socket& s, Request& r);
+    Outcome try_receive(Socket& s, Request& r);
+    Outcome resume_send(Socket& s, Request& r);
+    static void set_result(Request& r);
+
+    SocketRef lookup(std::int32_t number);
+    SocketRef lookup_any(std::int32_t number);
+    SocketRef command_socket(std::int32_t number, std::uint32_t& status);
+    SocketRef add_socket(int fd, Open* owner);
+    void close_socket(const SocketRef& s);
+    void finish_close(const SocketRef& s, bool give_up);
+    void park(Socket& s, Request& r, std::vector<Waiter>& list, bool connect);
+    void unpark(Socket& s, const Request& r);
+    void rearm(Socket& s);
+    void flush(const SocketRef& s);
+
+    Chunk* take_chunk();
+    void give_chunk(Chunk* c);
+
+    std::mutex table_lock_; // after a socket's lock
+    std::map<std::int32_t, SocketRef> sockets_;
+    std::map<std::int32_t, SocketRef> closing_; // closed by the client, flushing
+    std::int32_t next_number_ = 0;
+
+    std::mutex flush_lock_;
+    std::vector<SocketRef> to_flush_;
+
+    std::mutex pool_lock_;
+    std::vector<Chunk*> pool_;
+};
+
+} // namespace host::devices
