@@ -1,50 +1,51 @@
-// Stand-in for the process heap until the runtime's context exists: one kernel memo per block,
-// its size kept in a 16-byte head.
+// The standard allocation functions over the process heap, an nheap made on first use.
+// Stand-in until the runtime's context holds the heap; touches only that heap and errno.
 #include "runtime/malloc.h"
 
 #include <cstdint>
 #include <cstring>
 
-#include "platform/kernel.h"
+#include "memheap/memheap.h"
+#include "platform/atomic.h"
 #include "platform/kernel_wrappers.h"
 #include "runtime/errno.h"
 
 namespace orlix {
 
 namespace {
-constexpr std::size_t HEAD = 16;
+
 constexpr int ERROR_NO_SPACE = 22;
 constexpr int ERROR_INVALID = 11;
 
-std::size_t block_size(void* block) { return *reinterpret_cast<std::size_t*>(static_cast<char*>(block) - HEAD); }
+constinit heap_state* process_heap = nullptr;
+
+// Made once: two threads that race here both create a heap, and the loser deletes its own.
+heap_state* stand_in_heap()
+{
+    heap_state* heap = atomic::load(&process_heap);
+    if (heap != nullptr) [[likely]]
+        return heap;
+    heap_state* fresh = nheap_create(0x10000, 0x40000, 0x80000000);
+    if (fresh == nullptr)
+        DeleteTask(0); // a process without a heap ends
+    heap_state* expected = nullptr;
+    if (atomic::compare_exchange(&process_heap, &expected, fresh))
+        return fresh;
+    nheap_delete(fresh);
+    return expected;
+}
+
 } // namespace
 
 void* malloc(std::size_t size)
 {
-    if (size > SIZE_MAX - HEAD) {
+    void* block = nheap_alloc(stand_in_heap(), size);
+    if (block == nullptr)
         errno = ERROR_NO_SPACE;
-        return nullptr;
-    }
-    Handle memo = _SL_CreateMemo(0, 0, size + HEAD, 0);
-    void* view = memo == INVALID_HANDLE ? nullptr : _SL_AllocView(0, memo, nullptr, 0, 0, 0);
-    if (view == nullptr) {
-        if (memo != INVALID_HANDLE)
-            DeleteMemo(memo, 0x20000);
-        errno = ERROR_NO_SPACE;
-        return nullptr;
-    }
-    *static_cast<std::size_t*>(view) = size;
-    return static_cast<char*>(view) + HEAD;
+    return block;
 }
 
-void free(void* block)
-{
-    if (block == nullptr)
-        return;
-    Handle memo = _SL_GetAddressMemo(0, static_cast<char*>(block) - HEAD, 2);
-    if (memo != INVALID_HANDLE)
-        DeleteMemo(memo, 0x20000);
-}
+void free(void* block) { nheap_free(stand_in_heap(), block); }
 
 void* calloc(std::size_t count, std::size_t size)
 {
@@ -52,28 +53,23 @@ void* calloc(std::size_t count, std::size_t size)
         errno = ERROR_INVALID;
         return nullptr;
     }
-    void* block = malloc(count * size);
-    if (block != nullptr)
-        std::memset(block, 0, count * size);
+    void* block = nheap_alloc(stand_in_heap(), count * size);
+    if (block == nullptr) {
+        errno = ERROR_NO_SPACE;
+        return nullptr;
+    }
+    std::memset(block, 0, count * size); // memos may hand back old bytes of this process
     return block;
 }
 
 void* realloc(void* block, std::size_t size)
 {
-    if (block == nullptr)
-        return malloc(size);
-    if (size == 0) {
-        free(block);
+    void* result = nheap_realloc(stand_in_heap(), block, size);
+    if (result == nullptr)
         errno = ERROR_NO_SPACE;
-        return nullptr;
-    }
-    void* moved = malloc(size);
-    if (moved == nullptr)
-        return nullptr;
-    std::size_t old = block_size(block);
-    std::memcpy(moved, block, old < size ? old : size);
-    free(block);
-    return moved;
+    return result;
 }
+
+std::size_t e_msize(void* block) { return nheap_msize(stand_in_heap(), block); }
 
 } // namespace orlix

@@ -1,0 +1,240 @@
+// nheap under long seeded random sequences (integrity walk, statistics, contents of live blocks,
+// areas coming and going), two threads on one heap, and the process heap's allocation functions.
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <random>
+#include <thread>
+
+#include "heap_test_util.h"
+#include "host/kernel/host_kernel.h"
+#include "runtime/malloc.h"
+
+// The system's errno macro can't meet the host's here; reach the thread's number directly.
+namespace orlix {
+int* __get_errno_ptr();
+}
+
+using namespace orlix;
+using namespace heap_test;
+
+namespace {
+
+std::uint64_t seed_for(const char* test)
+{
+    const char* env = std::getenv("HEAP_TEST_SEED");
+    std::uint64_t seed = env != nullptr ? std::strtoull(env, nullptr, 0) : std::random_device{}();
+    std::printf("%s: seed %llu (HEAP_TEST_SEED to repeat)\n", test, static_cast<unsigned long long>(seed));
+    return seed;
+}
+
+struct Live {
+    unsigned char* p;
+    std::uint64_t size;
+    std::uint64_t alignment; // 0: an ordinary block
+    unsigned char tag;
+};
+
+void fill(Live& b) { std::memset(b.p, b.tag, b.size); }
+
+bool intact(const Live& b, std::uint64_t upto)
+{
+    for (std::uint64_t i = 0; i < upto; ++i)
+        if (b.p[i] != b.tag)
+            return false;
+    return true;
+}
+
+std::uint64_t random_size(std::mt19937_64& rng)
+{
+    unsigned kind = rng() % 100;
+    if (kind < 75)
+        return rng() % 257;
+    if (kind < 97)
+        return 257 + rng() % 8000;
+    return 8192 + rng() % (128 * 1024);
+}
+
+// One random sequence on a growing heap; the walk runs every `check_every` operations.
+void run_sequence(heap_state* heap, std::uint64_t seed, int operations, std::size_t max_live, int check_every)
+{
+    static constexpr std::uint64_t ALIGNMENTS[] = {0, 16, 32, 64, 128, 256, 4096};
+    std::mt19937_64 rng(seed);
+    std::vector<Live> live;
+    for (int op = 0; op < operations; ++op) {
+        unsigned what = rng() % 100;
+        if (live.size() >= max_live && what < 45)
+            what = 45 + what % 30; // full: free instead
+        if (what < 45 || live.empty()) {
+            std::uint64_t a = what < 35 ? 0 : ALIGNMENTS[rng() % 7]; // a tenth are aligned blocks
+            Live b{nullptr, random_size(rng), what < 35 ? 0 : std::max<std::uint64_t>(a, 32),
+                   static_cast<unsigned char>(rng())};
+            b.p = static_cast<unsigned char*>(what < 35 ? nheap_alloc(heap, b.size)
+                                                        : nheap_alloc_aligned(heap, b.size, a));
+            ASSERT_NE(b.p, nullptr) << "op " << op;
+            ASSERT_EQ(reinterpret_cast<std::uintptr_t>(b.p) % std::max<std::uint64_t>(b.alignment, 16), 0u);
+            ASSERT_GE(nheap_msize(heap, b.p), b.size + 16);
+            fill(b);
+            live.push_back(b);
+        } else if (what < 75) {
+            std::size_t i = rng() % live.size();
+            ASSERT_TRUE(intact(live[i], live[i].size)) << "op " << op;
+            nheap_free(heap, live[i].p);
+            live[i] = live.back();
+            live.pop_back();
+        } else {
+            std::size_t i = rng() % live.size();
+            Live& b = live[i];
+            std::uint64_t size = random_size(rng);
+            void* p = b.alignment != 0 ? nheap_realloc_aligned(heap, b.p, size, b.alignment)
+                                       : nheap_realloc(heap, b.p, size);
+            if (size == 0) { // a release
+                ASSERT_EQ(p, nullptr);
+                live[i] = live.back();
+                live.pop_back();
+                continue;
+            }
+            ASSERT_NE(p, nullptr) << "op " << op << " size " << size;
+            b.p = static_cast<unsigned char*>(p);
+            ASSERT_TRUE(intact(b, std::min(b.size, size))) << "op " << op;
+            if (b.alignment != 0) {
+                ASSERT_EQ(reinterpret_cast<std::uintptr_t>(b.p) % b.alignment, 0u);
+            }
+            b.size = size;
+            b.tag = static_cast<unsigned char>(b.tag + 1 + rng() % 255); // stale copies can't pass
+            fill(b);
+        }
+        if (op % check_every == 0) {
+            ASSERT_TRUE(nheap_check(heap)) << "op " << op;
+            ASSERT_EQ(stat_of(heap).used_block_count, live.size());
+        }
+    }
+    ASSERT_TRUE(nheap_check(heap));
+    for (Live& b : live) {
+        ASSERT_TRUE(intact(b, b.size));
+        nheap_free(heap, b.p);
+    }
+}
+
+} // namespace
+
+TEST(HeapRandom, LongSequencesKeepTheHeapConsistent)
+{
+    std::uint64_t seed = seed_for("HeapRandom");
+    Heap heap(0x10000, 0x10000, 0);
+    run_sequence(heap, seed, 100000, 1500, 7);
+    if (HasFatalFailure())
+        return;
+    // Everything released: only the first area is left, as one free chunk.
+    nheap_stat s = stat_of(heap);
+    EXPECT_EQ(s.used_block_count, 0u);
+    EXPECT_EQ(s.free_block_count, 1u);
+    EXPECT_EQ(heap->heap_size, 0x10000u);
+    EXPECT_EQ(heap->first_heapmem->next, heap->first_heapmem);
+    EXPECT_GE(s.max_used_block_count, 1000u);
+    EXPECT_TRUE(nheap_check(heap));
+
+    // The same under supervision: ordinary work never reports.
+    Heap watched(0x10000, 0x10000, 0);
+    nheap_set_assert_cb(watched, capture);
+    reports().clear();
+    run_sequence(watched, seed + 1, 8000, 150, 50);
+    EXPECT_EQ(reports(), std::vector<std::string>{});
+}
+
+TEST(HeapThreads, TwoThreadsOnOneHeap)
+{
+    std::uint64_t seed = seed_for("HeapThreads");
+    Heap heap(0x10000, 0x10000, 0);
+    std::atomic<int> broken{0};
+    auto worker = [&](std::uint64_t s) {
+        std::mt19937_64 rng(s);
+        std::vector<Live> live;
+        for (int op = 0; op < 100000; ++op) {
+            if (live.size() < 400 && (rng() & 1)) {
+                Live b{nullptr, rng() % 300, 0, static_cast<unsigned char>(rng())};
+                b.p = static_cast<unsigned char*>(op % 8 == 0 ? nheap_realloc(heap, nullptr, b.size)
+                                                                : nheap_alloc(heap, b.size));
+                if (b.p == nullptr) {
+                    broken++;
+                    return;
+                }
+                fill(b);
+                live.push_back(b);
+            } else if (!live.empty()) {
+                std::size_t i = rng() % live.size();
+                if (!intact(live[i], live[i].size))
+                    broken++;
+                nheap_free(heap, live[i].p);
+                live[i] = live.back();
+                live.pop_back();
+            }
+        }
+        for (Live& b : live)
+            nheap_free(heap, b.p);
+    };
+    std::thread a(worker, seed), b(worker, seed * 31 + 7);
+    a.join();
+    b.join();
+    EXPECT_EQ(broken.load(), 0);
+    EXPECT_TRUE(nheap_check(heap));
+    nheap_stat s = stat_of(heap);
+    EXPECT_EQ(s.used_block_count, 0u);
+    EXPECT_EQ(s.free_block_count, 1u);
+}
+
+TEST(ProcessHeap, CreatedOnceAndErrnoCases)
+{
+    int& err = *__get_errno_ptr();
+    // Racing first calls make one heap: the kernel objects of exactly one heap stay.
+    nheap_delete(nheap_create(0x10000, 0, 0)); // the kernel's own first-use objects come now
+    std::uint64_t before = host::kernel::live_object_count();
+    heap_state* probe = nheap_create(0x10000, 0x40000, 0x80000000);
+    std::uint64_t per_heap = host::kernel::live_object_count() - before;
+    nheap_delete(probe);
+    ASSERT_EQ(host::kernel::live_object_count(), before);
+    void* first[2] = {};
+    std::thread t1([&] { first[0] = orlix::malloc(10); });
+    std::thread t2([&] { first[1] = orlix::malloc(10); });
+    t1.join();
+    t2.join();
+    ASSERT_TRUE(first[0] != nullptr && first[1] != nullptr);
+    EXPECT_EQ(host::kernel::live_object_count() - before, per_heap);
+    orlix::free(first[0]);
+    orlix::free(first[1]);
+
+    void* zero = orlix::malloc(0);
+    ASSERT_NE(zero, nullptr);
+    EXPECT_EQ(e_msize(zero), 32u);
+    auto expect_errno = [&](void* result, int number, const char* what) {
+        EXPECT_EQ(result, nullptr) << what;
+        EXPECT_EQ(err, number) << what;
+        err = 0;
+    };
+    err = 0;
+    expect_errno(orlix::realloc(zero, 0), 22, "realloc to 0 releases");
+    expect_errno(orlix::malloc(~std::size_t{0} - 4), 22, "malloc whose rounding wraps");
+    expect_errno(orlix::malloc(std::size_t{1} << 40), 22, "malloc beyond the 2 GiB limit");
+    expect_errno(orlix::calloc(std::size_t{1} << 33, std::size_t{1} << 31), 11, "calloc overflow");
+    expect_errno(orlix::calloc(5, 0), 11, "calloc of size 0");
+    expect_errno(orlix::calloc(std::size_t{1} << 20, 4096), 22, "calloc of 4 GiB");
+
+    // calloc clears what an earlier block left behind; a count of 0 is a zero-byte block.
+    auto* dirty = static_cast<unsigned char*>(orlix::malloc(1000));
+    std::memset(dirty, 0xee, 1000);
+    orlix::free(dirty);
+    auto* clean = static_cast<unsigned char*>(orlix::calloc(10, 100));
+    ASSERT_EQ(clean, dirty);
+    EXPECT_EQ(std::count(clean, clean + 1000, 0), 1000);
+    void* empty = orlix::calloc(0, 8);
+    EXPECT_EQ(e_msize(empty), 32u);
+    auto* grown = static_cast<unsigned char*>(orlix::realloc(clean, 100000));
+    ASSERT_NE(grown, nullptr);
+    EXPECT_EQ(grown[999], 0);
+    expect_errno(orlix::realloc(grown, ~std::size_t{0} - 4), 22, "realloc that can't");
+    orlix::free(grown);
+    orlix::free(empty);
+    orlix::free(nullptr);
+}
