@@ -755,7 +755,9 @@ void nheap_clear_event_handler(heap_state*) {}
 
 void nheap_event(heap_state* heap)
 {
-    lock(heap, &heap->stat_lock, FILE_NAME, __LINE__);
+    std::uint64_t sequence = heap->stat_sequence;
+    __atomic_store_n(&heap->stat_sequence, sequence + 1, __ATOMIC_RELAXED);
+    __atomic_thread_fence(__ATOMIC_RELEASE);
     nheap_stat& s = heap->stat;
     s.free_byte_count = heap->heap_size - s.gross_used_byte_count;
     if (s.free_byte_count < s.min_free_byte_count)
@@ -766,7 +768,7 @@ void nheap_event(heap_state* heap)
         s.max_used_block_count = s.used_block_count;
     if (s.free_block_count > s.max_free_block_count)
         s.max_free_block_count = s.free_block_count;
-    unlock(heap, &heap->stat_lock, FILE_NAME, __LINE__);
+    __atomic_store_n(&heap->stat_sequence, sequence + 2, __ATOMIC_RELEASE);
 }
 
 } // namespace orlix

@@ -88,14 +88,17 @@ struct heap_state {
     nheap_stat stat_stack[NHEAP_ISOLATED_USAGE_MAX_NESTING];
     std::uint64_t stat_stack_count;
     std::uint64_t overhead_byte_count; // bytes in no chunk: this record with its bins, area edges
-    Mutex stat_lock;                   // the derived statistics; always taken after heap_lock
+    Mutex stat_lock;                   // serialises the readers of the statistics
     // Bit i set: bin i (small bins 0..12, then large bins) holds a chunk. Lets a search jump to
     // the first filled bin instead of testing the heads one by one; guarded by heap_lock.
     std::uint64_t occupied_bins;
+    // Odd while nheap_event forms the derived statistics. Events run under heap_lock, so they need
+    // no second lock; readers, who take stat_lock among themselves, copy until it stays even.
+    std::uint64_t stat_sequence;
 };
 static_assert(offsetof(heap_state, heap_lock) == 88 && offsetof(heap_state, stat) == 104);
 static_assert(offsetof(heap_state, overhead_byte_count) == 256 && offsetof(heap_state, stat_lock) == 264);
-static_assert(sizeof(heap_state) == 288);
+static_assert(sizeof(heap_state) == 296);
 
 // A heap of initial_size bytes in one block from AllocMemory, growing by areas sized in units of
 // grow_size (0: never) while heap_size stays within max_heap_size (0: no limit). Null on failure,

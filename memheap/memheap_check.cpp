@@ -132,10 +132,32 @@ nheap_assert_cb nheap_set_assert_cb(heap_state* heap, nheap_assert_cb cb)
     return before;
 }
 
+namespace {
+
+// A copy of the statistics taken while no event was forming the derived ones.
+void copy_stat(heap_state* heap, nheap_stat* out)
+{
+    constexpr std::size_t words = sizeof(nheap_stat) / sizeof(std::uint64_t);
+    const auto* from = reinterpret_cast<const std::uint64_t*>(&heap->stat);
+    auto* to = reinterpret_cast<std::uint64_t*>(out);
+    for (;;) {
+        std::uint64_t before = __atomic_load_n(&heap->stat_sequence, __ATOMIC_ACQUIRE);
+        if ((before & 1) == 0) {
+            for (std::size_t i = 0; i < words; ++i)
+                to[i] = __atomic_load_n(&from[i], __ATOMIC_RELAXED);
+            __atomic_thread_fence(__ATOMIC_ACQUIRE);
+            if (__atomic_load_n(&heap->stat_sequence, __ATOMIC_RELAXED) == before)
+                return;
+        }
+    }
+}
+
+} // namespace
+
 void nheap_get_stat(heap_state* heap, nheap_stat* out)
 {
     lock(heap, &heap->stat_lock, FILE_NAME, __LINE__);
-    std::memcpy(out, &heap->stat, sizeof(nheap_stat));
+    copy_stat(heap, out);
     unlock(heap, &heap->stat_lock, FILE_NAME, __LINE__);
 }
 
@@ -147,7 +169,7 @@ void nheap_enter_isolated_usage(heap_state* heap)
         return;
     }
     lock(heap, &heap->stat_lock, FILE_NAME, __LINE__);
-    heap->stat_stack[heap->stat_stack_count] = heap->stat;
+    copy_stat(heap, &heap->stat_stack[heap->stat_stack_count]);
     heap->stat_stack_count += 1;
     unlock(heap, &heap->stat_lock, FILE_NAME, __LINE__);
 }
@@ -162,7 +184,8 @@ void nheap_leave_isolated_usage(heap_state* heap)
     lock(heap, &heap->stat_lock, FILE_NAME, __LINE__);
     if (heap->assert_cb != nullptr) {
         const nheap_stat* saved_stat = &heap->stat_stack[heap->stat_stack_count];
-        const nheap_stat& now = heap->stat;
+        nheap_stat now;
+        copy_stat(heap, &now);
         if (now.free_byte_count != saved_stat->free_byte_count)
             report(heap, "heap_state->stat.free_byte_count == saved_stat->free_byte_count", FILE_NAME, __LINE__);
         if (now.gross_used_byte_count != saved_stat->gross_used_byte_count)

@@ -25,4 +25,12 @@ template <typename T> inline bool compare_exchange(T* p, T* expected, T desired)
     return __atomic_compare_exchange_n(p, expected, desired, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE);
 }
 
+// Tells the processor that the thread is spinning.
+inline void cpu_relax()
+{
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_ia32_pause();
+#endif
+}
+
 } // namespace orlix::atomic

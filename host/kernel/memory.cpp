@@ -133,12 +133,21 @@ public:
         return nullptr;
     }
 
+    // Keeps a freed mapping; the oldest ones go back to the host to make room, so the cache
+    // follows the sizes in use now.
     bool keep(void* address, std::size_t size)
     {
-        if (size > MAX_HELD - held_)
+        if (size > MAX_HELD)
             return false;
-        for (Entry& entry : entries_) {
-            if (entry.address == nullptr) {
+        for (std::size_t tries = 0; tries < entries_.size(); ++tries) {
+            Entry& entry = entries_[next_];
+            next_ = (next_ + 1) % entries_.size();
+            if (entry.address != nullptr) {
+                munmap(entry.address, entry.size);
+                held_ -= entry.size;
+                entry.address = nullptr;
+            }
+            if (size <= MAX_HELD - held_) {
                 entry = Entry{address, size};
                 held_ += size;
                 return true;
@@ -155,6 +164,7 @@ private:
     };
     std::array<Entry, 8> entries_{};
     std::size_t held_ = 0;
+    std::size_t next_ = 0; // the oldest entry, the next to give way
 };
 
 thread_local ViewCache view_cache;

@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstdio>
+#include <sys/single_threaded.h>
 #include <unistd.h>
 
 #include "host/kernel/host_kernel.h"
@@ -121,6 +122,9 @@ std::int64_t _SL_GetState(std::uint64_t selector)
     case STATE_TASKS_AS_HANDLES:
     case STATE_VM_AVAILABLE:
         return 1;
+    case STATE_SINGLE_THREAD_FLAG:
+        // Every thread of the task is a host thread, so the host's own flag tells.
+        return reinterpret_cast<std::int64_t>(&__libc_single_threaded);
     default:
         return selector < STATE_WORDS ? host_state[selector].load(std::memory_order_acquire) : 0;
     }
