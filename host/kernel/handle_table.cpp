@@ -105,6 +105,38 @@ Slot* slot_of(orlix::Handle handle, std::uint32_t* index_out = nullptr)
 
 } // namespace
 
+void HandleList::add(orlix::Handle handle)
+{
+    if (inline_count_ < inline_.size())
+        inline_[inline_count_++] = handle;
+    else
+        more_.push_back(handle);
+}
+
+void HandleList::remove(orlix::Handle handle)
+{
+    for (std::size_t i = 0; i < inline_count_; ++i) {
+        if (inline_[i] == handle) {
+            inline_[i] = inline_[--inline_count_];
+            if (!more_.empty()) {
+                inline_[inline_count_++] = more_.back();
+                more_.pop_back();
+            }
+            return;
+        }
+    }
+    std::erase(more_, handle);
+}
+
+std::size_t HandleList::take_all(std::array<orlix::Handle, 2>& first, std::vector<orlix::Handle>& more)
+{
+    std::size_t count = inline_count_;
+    first = inline_;
+    inline_count_ = 0;
+    more.swap(more_);
+    return count;
+}
+
 Object::Object(Kind kind) : kind_(kind) { live_count.fetch_add(1, std::memory_order_relaxed); }
 
 Object::~Object() { live_count.fetch_sub(1, std::memory_order_relaxed); }
@@ -134,7 +166,7 @@ orlix::Handle register_handle(const ObjectRef& object, std::uint64_t flags)
         slot->flags = flags;
         slot->object = object;
     }
-    std::lock_guard guard(object->handles_lock_);
+    SpinGuard guard(object->handles_lock_);
     if (object->dead()) {
         {
             SpinGuard slot_guard(slot->lock);
@@ -144,7 +176,7 @@ orlix::Handle register_handle(const ObjectRef& object, std::uint64_t flags)
         push_free(index);
         return orlix::INVALID_HANDLE;
     }
-    object->handles_.push_back(handle);
+    object->handles_.add(handle);
     orlix::Handle none = orlix::INVALID_HANDLE;
     object->primary_.compare_exchange_strong(none, handle, std::memory_order_relaxed);
     return handle;
@@ -196,8 +228,8 @@ bool remove_handle(orlix::Handle handle)
         return false;
     bool last;
     {
-        std::lock_guard guard(object->handles_lock_);
-        std::erase(object->handles_, handle);
+        SpinGuard guard(object->handles_lock_);
+        object->handles_.remove(handle);
         last = object->handles_.empty();
     }
     // An object without handles can't be reached again: it dies with its last one.
@@ -208,12 +240,16 @@ bool remove_handle(orlix::Handle handle)
 
 void remove_all_handles(Object& object)
 {
-    std::vector<orlix::Handle> handles;
+    std::array<orlix::Handle, 2> first;
+    std::vector<orlix::Handle> more;
+    std::size_t count;
     {
-        std::lock_guard guard(object.handles_lock_);
-        handles.swap(object.handles_);
+        SpinGuard guard(object.handles_lock_);
+        count = object.handles_.take_all(first, more);
     }
-    for (orlix::Handle handle : handles)
+    for (std::size_t i = 0; i < count; ++i)
+        clear_slot(first[i]);
+    for (orlix::Handle handle : more)
         clear_slot(handle);
 }
 

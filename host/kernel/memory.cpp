@@ -4,6 +4,7 @@
 // and deletes areas often pays no host system call for it. A reused view is not cleared.
 #include "host/kernel/memory.h"
 
+#include <algorithm>
 #include <array>
 #include <map>
 #include <memory>
@@ -12,6 +13,7 @@
 #include <unistd.h>
 
 #include "host/kernel/object.h"
+#include "host/kernel/spin_lock.h"
 
 namespace host::kernel {
 
@@ -37,57 +39,58 @@ class Memo;
 struct ViewRecord {
     std::uintptr_t base;
     std::size_t size;
-    std::weak_ptr<Memo> memo;
+    orlix::Handle handle; // the memo's primary handle
+    Memo* memo;           // alive while its record is here: a memo takes its record out first
 };
 
 // Views by address, in shards by 2 MiB granule so that lookups of unrelated areas don't meet.
+// A shard holds few views, kept sorted in a vector.
 class AddressMap {
 public:
-    void add(std::uintptr_t base, std::size_t size, const std::shared_ptr<Memo>& memo)
+    void add(const ViewRecord& record)
     {
-        for_each_shard(base, size, [&](Shard& shard) { shard.views[base] = ViewRecord{base, size, memo}; });
+        for_each_shard(record.base, record.size, [&](Shard& shard) {
+            auto it = std::lower_bound(shard.views.begin(), shard.views.end(), record.base, before);
+            shard.views.insert(it, record);
+        });
     }
 
     void remove(std::uintptr_t base, std::size_t size)
     {
-        for_each_shard(base, size, [&](Shard& shard) { shard.views.erase(base); });
+        for_each_shard(base, size, [&](Shard& shard) {
+            auto it = std::lower_bound(shard.views.begin(), shard.views.end(), base, before);
+            if (it != shard.views.end() && it->base == base)
+                shard.views.erase(it);
+        });
     }
 
     bool find(std::uintptr_t address, ViewRecord* out)
     {
         Shard& shard = shards_[(address >> GRANULE_BITS) % SHARDS];
-        std::lock_guard guard(shard.lock);
-        auto it = shard.views.upper_bound(address);
+        SpinGuard guard(shard.lock);
+        auto it = std::upper_bound(shard.views.begin(), shard.views.end(), address,
+                                   [](std::uintptr_t a, const ViewRecord& r) { return a < r.base; });
         if (it == shard.views.begin())
             return false;
         --it;
-        if (address >= it->second.base + it->second.size)
+        if (address >= it->base + it->size)
             return false;
-        *out = it->second;
+        *out = *it;
         return true;
     }
 
-    // Views that lie inside [base, base + size).
-    std::vector<ViewRecord> inside(std::uintptr_t base, std::size_t size)
-    {
-        std::map<std::uintptr_t, ViewRecord> found;
-        for_each_shard(base, size, [&](Shard& shard) {
-            for (auto it = shard.views.lower_bound(base); it != shard.views.end() && it->first < base + size; ++it)
-                found.emplace(it->first, it->second);
-        });
-        std::vector<ViewRecord> views;
-        for (auto& [address, record] : found)
-            views.push_back(record);
-        return views;
-    }
+    // The memos whose views lie inside [base, base + size).
+    std::vector<std::shared_ptr<Memo>> inside(std::uintptr_t base, std::size_t size);
 
 private:
     static constexpr unsigned GRANULE_BITS = 21;
     static constexpr std::size_t SHARDS = 16;
     struct Shard {
-        std::mutex lock;
-        std::map<std::uintptr_t, ViewRecord> views;
+        SpinLock lock;
+        std::vector<ViewRecord> views;
     };
+
+    static bool before(const ViewRecord& r, std::uintptr_t base) { return r.base < base; }
 
     template <typename F> void for_each_shard(std::uintptr_t base, std::size_t size, F f)
     {
@@ -96,7 +99,7 @@ private:
         std::uintptr_t count = last - first + 1 < SHARDS ? last - first + 1 : SHARDS;
         for (std::uintptr_t g = first; g < first + count; ++g) {
             Shard& shard = shards_[g % SHARDS];
-            std::lock_guard guard(shard.lock);
+            SpinGuard guard(shard.lock);
             f(shard);
         }
     }
@@ -216,7 +219,7 @@ public:
 
     void* map(void* address)
     {
-        std::lock_guard guard(lock_);
+        SpinGuard guard(lock_);
         if (view_ != nullptr || dead())
             return nullptr;
         std::size_t size = whole_pages(size_);
@@ -243,17 +246,17 @@ public:
         }
         view_ = view;
         mapped_ = size;
-        address_map().add(reinterpret_cast<std::uintptr_t>(view), size,
-                          std::static_pointer_cast<Memo>(shared_from_this()));
+        address_map().add(ViewRecord{reinterpret_cast<std::uintptr_t>(view), size, primary_handle(), this});
         return view;
     }
 
-    // The reservation that held the view is gone, and the view with it.
-    void forget_view(std::uintptr_t base)
+    // The reservation that held the view is going, and the view with it.
+    void forget_view_inside(std::uintptr_t base, std::size_t size)
     {
-        std::lock_guard guard(lock_);
-        if (reinterpret_cast<std::uintptr_t>(view_) == base) {
-            address_map().remove(base, mapped_);
+        SpinGuard guard(lock_);
+        auto view = reinterpret_cast<std::uintptr_t>(view_);
+        if (view_ != nullptr && view >= base && view < base + size) {
+            address_map().remove(view, mapped_);
             view_ = nullptr;
         }
     }
@@ -263,7 +266,7 @@ private:
 
     void release()
     {
-        std::lock_guard guard(lock_);
+        SpinGuard guard(lock_);
         if (view_ == nullptr)
             return;
         address_map().remove(reinterpret_cast<std::uintptr_t>(view_), mapped_);
@@ -275,11 +278,24 @@ private:
     }
 
     std::uint64_t size_;
-    std::mutex lock_;
+    SpinLock lock_;
     void* view_ = nullptr;
     std::size_t mapped_ = 0;
     bool in_reservation_ = false;
 };
+
+std::vector<std::shared_ptr<Memo>> AddressMap::inside(std::uintptr_t base, std::size_t size)
+{
+    std::vector<std::shared_ptr<Memo>> memos;
+    for_each_shard(base, size, [&](Shard& shard) {
+        for (const ViewRecord& record : shard.views)
+            if (record.base >= base && record.base < base + size)
+                // The memo can't be gone: it would have taken its record out under this lock.
+                if (auto memo = std::static_pointer_cast<Memo>(record.memo->weak_from_this().lock()))
+                    memos.push_back(std::move(memo));
+    });
+    return memos;
+}
 
 } // namespace
 
@@ -301,10 +317,7 @@ orlix::Handle memo_at(const void* address)
     ViewRecord record;
     if (!address_map().find(reinterpret_cast<std::uintptr_t>(address), &record))
         return orlix::INVALID_HANDLE;
-    auto memo = record.memo.lock();
-    if (!memo || memo->dead())
-        return orlix::INVALID_HANDLE;
-    return memo->primary_handle();
+    return record.handle;
 }
 
 bool view_bounds(const void* address, void** base, std::size_t* size)
@@ -335,9 +348,8 @@ orlix::Status release_reservation(void* address)
     std::size_t size = reservations().take(base);
     if (size == 0)
         return orlix::STATUS_BAD_ARGUMENT;
-    for (ViewRecord& record : address_map().inside(base, size))
-        if (auto memo = record.memo.lock())
-            memo->forget_view(record.base);
+    for (auto& memo : address_map().inside(base, size))
+        memo->forget_view_inside(base, size);
     munmap(address, size);
     return orlix::STATUS_DONE;
 }

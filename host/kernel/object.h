@@ -2,15 +2,31 @@
 // object here; the lookup takes only the lock of the handle's own slot.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <vector>
 
+#include "host/kernel/spin_lock.h"
 #include "platform/kernel.h"
 
 namespace host::kernel {
+
+// The handles of one object. Nearly every object has one or two, which live inline.
+class HandleList {
+public:
+    void add(orlix::Handle handle);
+    void remove(orlix::Handle handle);
+    bool empty() const { return inline_count_ == 0 && more_.empty(); }
+    // Moves every handle out, leaving the list empty: up to two into first, the rest into more.
+    std::size_t take_all(std::array<orlix::Handle, 2>& first, std::vector<orlix::Handle>& more);
+
+private:
+    std::array<orlix::Handle, 2> inline_{};
+    std::size_t inline_count_ = 0;
+    std::vector<orlix::Handle> more_;
+};
 
 enum class Kind { task, thread, port, pipe, semaphore, event, memo, watch };
 
@@ -39,8 +55,8 @@ private:
     Kind kind_;
     std::atomic<bool> dead_{false};
     std::atomic<orlix::Handle> primary_{orlix::INVALID_HANDLE};
-    std::mutex handles_lock_;
-    std::vector<orlix::Handle> handles_;
+    SpinLock handles_lock_;
+    HandleList handles_;
 };
 
 using ObjectRef = std::shared_ptr<Object>;
