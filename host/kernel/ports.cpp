@@ -10,24 +10,23 @@ namespace host::kernel {
 
 namespace {
 
-class Port : public Object {
+class Port : public Waitable {
 public:
-    Port() : Object(Kind::port) {}
-    explicit Port(PortHandler handler) : Object(Kind::port), handler(std::move(handler)) {}
+    Port() : Waitable(Kind::port) {}
+    explicit Port(PortHandler handler) : Waitable(Kind::port), handler(std::move(handler)) {}
 
-    std::mutex lock;
     std::deque<orlix::Message> queue;
-    WaitList waiters;
     const PortHandler handler;
     std::weak_ptr<Port> forward; // set while a pipe leads this port's messages elsewhere
 
 private:
     void on_delete() override
     {
-        std::lock_guard guard(lock);
-        queue.clear();
-        while (KThread* waiter = waiters.pop())
-            waiter->parker.unpark();
+        {
+            std::lock_guard guard(lock);
+            queue.clear();
+        }
+        Waitable::on_delete();
     }
 };
 

@@ -7,42 +7,21 @@ namespace host::kernel {
 
 namespace {
 
-class Semaphore : public Object {
+class Semaphore : public Waitable {
 public:
-    Semaphore() : Object(Kind::semaphore) {}
-
-    std::mutex lock;
+    Semaphore() : Waitable(Kind::semaphore) {}
     std::uint64_t count = 0;
-    WaitList waiters;
-
-private:
-    void on_delete() override
-    {
-        std::lock_guard guard(lock);
-        while (KThread* waiter = waiters.pop())
-            waiter->parker.unpark();
-    }
 };
 
-class Event : public Object {
+class Event : public Waitable {
 public:
     explicit Event(std::uint64_t mode)
-        : Object(Kind::event), set((mode & orlix::EVENT_STARTS_SET) != 0), auto_reset((mode & orlix::EVENT_AUTO_RESET) != 0)
+        : Waitable(Kind::event), set((mode & orlix::EVENT_STARTS_SET) != 0),
+          auto_reset((mode & orlix::EVENT_AUTO_RESET) != 0)
     {
     }
-
-    std::mutex lock;
     bool set;
     const bool auto_reset;
-    WaitList waiters;
-
-private:
-    void on_delete() override
-    {
-        std::lock_guard guard(lock);
-        while (KThread* waiter = waiters.pop())
-            waiter->parker.unpark();
-    }
 };
 
 } // namespace

@@ -122,6 +122,23 @@ private:
     KThread* tail_ = nullptr;
 };
 
+// An object threads wait on: its lock, the threads waiting, and deletion waking them all.
+class Waitable : public Object {
+public:
+    explicit Waitable(Kind kind) : Object(kind) {}
+
+    std::mutex lock;
+    WaitList waiters;
+
+protected:
+    void on_delete() override
+    {
+        std::lock_guard guard(lock);
+        while (KThread* waiter = waiters.pop())
+            waiter->parker.unpark();
+    }
+};
+
 using Clock = std::chrono::steady_clock;
 std::optional<Clock::time_point> deadline_after(std::int64_t timeout_ms);
 

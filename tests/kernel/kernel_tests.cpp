@@ -318,40 +318,35 @@ TEST(KernelExceptions, DeliveredAtEntryAndDuringWaits)
     EXPECT_EQ(log.number, 8u);
     EXPECT_EQ(log.argument, 2u);
 
-    // During a wait: the handler runs on the waiting thread, and status 1 ends the wait with 310.
+    // During a wait the handler runs on the waiting thread. Status 1 ends the wait with 310;
+    // status 0 lets it go on to its message.
     Handle port = _SL_CreateMsgPort(0, 0);
     std::atomic<Handle> waiter_thread{0};
     std::atomic<Status> result{0};
-    log.status_to_return = 1;
-    std::thread waiter([&] {
-        waiter_thread = _SL_GetState(STATE_THREAD);
-        Message m{};
-        result = _SL_RecvMsgPtr(port, &m, -1);
-    });
-    while (waiter_thread == 0)
-        std::this_thread::yield();
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    host::kernel::raise_exception(waiter_thread, EXCEPTION_USER, 8, 15);
-    waiter.join();
+    auto interrupt_a_wait = [&](std::uint64_t status, bool then_send) {
+        log.status_to_return = status;
+        waiter_thread = 0;
+        std::thread waiter([&] {
+            waiter_thread = _SL_GetState(STATE_THREAD);
+            Message m{};
+            result = _SL_RecvMsgPtr(port, &m, -1);
+        });
+        while (waiter_thread == 0)
+            std::this_thread::yield();
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        host::kernel::raise_exception(waiter_thread, EXCEPTION_USER, 8, 15);
+        if (then_send) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            _SL_SendMsg(port, 0, 1, 0, -1);
+        }
+        waiter.join();
+    };
+    interrupt_a_wait(1, false);
     EXPECT_EQ(result, STATUS_REPEAT);
     EXPECT_EQ(log.calls, 2);
     EXPECT_EQ(log.thread, waiter_thread);
 
-    // A handler that returns 0 lets the wait go on to its message.
-    log.status_to_return = 0;
-    waiter_thread = 0;
-    std::thread patient([&] {
-        waiter_thread = _SL_GetState(STATE_THREAD);
-        Message m{};
-        result = _SL_RecvMsgPtr(port, &m, -1);
-    });
-    while (waiter_thread == 0)
-        std::this_thread::yield();
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    host::kernel::raise_exception(waiter_thread, EXCEPTION_USER, 8, 15);
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    _SL_SendMsg(port, 0, 1, 0, -1);
-    patient.join();
+    interrupt_a_wait(0, true);
     EXPECT_EQ(result, STATUS_DONE);
     EXPECT_EQ(log.calls, 3);
 
