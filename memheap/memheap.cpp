@@ -58,10 +58,10 @@ inline std::uint64_t bin_index(const heap_state* heap, std::uint64_t s)
     return NHEAP_SMALL_BIN_COUNT + i;
 }
 
-// The first chunk of a large bin with chunk_size of at least n, or the head when there is none.
-// Sizes in the upper half of the bin's range are looked for from the largest run down, which
-// finds the same chunk with fewer steps.
-inline CHUNK_HEAD* first_at_least(CHUNK_HEAD* head, std::uint64_t n)
+// In a bin from large bin 4 on: the first chunk with chunk_size of at least n, or the head when
+// there is none. Sizes in the upper half of the bin's range are looked for from the largest run
+// down, which finds the same chunk with fewer steps.
+inline CHUNK_HEAD* walk_leaders(CHUNK_HEAD* head, std::uint64_t n)
 {
     CHUNK_HEAD* first = links(head)->next_free;
     if (first == head)
@@ -90,14 +90,49 @@ inline CHUNK_HEAD* first_at_least(CHUNK_HEAD* head, std::uint64_t n)
     return first;
 }
 
+// In large bin k below NHEAP_INDEXED_BIN_COUNT: the leader of the smallest size present from n
+// (a multiple of 16 within the bin's range) on, or null.
+inline CHUNK_HEAD* indexed_first_at_least(heap_state* heap, std::uint64_t k, std::uint64_t n)
+{
+    std::uint64_t base = run_base(k);
+    std::uint64_t present = heap->run_sizes[k] & (~std::uint64_t{0} << ((n >> 4) - base));
+    if (present == 0)
+        return nullptr;
+    return heap->run_leaders[base - 8 + static_cast<std::uint64_t>(std::countr_zero(present))];
+}
+
+// The first chunk of large bin `index` (counted from small bin 0) with chunk_size of at least n,
+// or the bin's head when there is none.
+inline CHUNK_HEAD* first_at_least(heap_state* heap, std::uint64_t index, std::uint64_t n)
+{
+    std::uint64_t k = index - NHEAP_SMALL_BIN_COUNT;
+    if (k < NHEAP_INDEXED_BIN_COUNT) {
+        CHUNK_HEAD* c = indexed_first_at_least(heap, k, n);
+        return c != nullptr ? c : bin_head(heap, index);
+    }
+    return walk_leaders(bin_head(heap, index), n);
+}
+
 inline void unlink_free(heap_state* heap, CHUNK_HEAD* c)
 {
     FreeLinks* l = links(c);
     CHUNK_HEAD* prev = l->prev_free;
     CHUNK_HEAD* next = l->next_free;
-    // A leaving run leader hands the run to the next chunk of its size, or leaves the list of
-    // leaders. When it was the last chunk of its bin (prev == next) there is nothing to keep.
-    if (c->chunk_size > 128 && leader(c)->next_leader != nullptr && prev != next) {
+    std::uint64_t s = c->chunk_size;
+    if (s > 128 && s < NHEAP_INDEXED_SIZE_LIMIT) {
+        // A leaving run leader hands the run to the next chunk if it has the same size; else its
+        // size is gone from the bin.
+        CHUNK_HEAD** slot = &heap->run_leaders[(s >> 4) - 8];
+        if (*slot == c) {
+            std::uint64_t k = large_index(s);
+            if (next != bin_head(heap, NHEAP_SMALL_BIN_COUNT + k) && next->chunk_size == s)
+                *slot = next;
+            else
+                heap->run_sizes[k] &= ~(std::uint64_t{1} << ((s >> 4) - run_base(k)));
+        }
+    } else if (s > 128 && leader(c)->next_leader != nullptr && prev != next) {
+        // A leaving run leader hands the run to the next chunk of its size, or leaves the list of
+        // leaders. When it was the last chunk of its bin (prev == next) there is nothing to keep.
         LeaderLinks* lead = leader(c);
         bool alone = lead->next_leader == c;
         if (next != bin_head(heap, bin_index(heap, c->chunk_size)) && next->chunk_size == c->chunk_size) {
@@ -141,10 +176,15 @@ inline CHUNK_HEAD* find_fit(heap_state* heap, std::uint64_t n)
             return nullptr;
         start = NHEAP_SMALL_BIN_COUNT + k;
         if (heap->occupied_bins & (std::uint64_t{1} << start)) {
-            CHUNK_HEAD* head = bin_head(heap, start);
-            CHUNK_HEAD* c = first_at_least(head, n);
-            if (c != head)
-                return c;
+            if (k < NHEAP_INDEXED_BIN_COUNT) {
+                if (CHUNK_HEAD* c = indexed_first_at_least(heap, k, n))
+                    return c;
+            } else {
+                CHUNK_HEAD* head = bin_head(heap, start);
+                CHUNK_HEAD* c = walk_leaders(head, n);
+                if (c != head)
+                    return c;
+            }
         }
         ++start;
     }
@@ -312,9 +352,26 @@ void store_free_chunk(heap_state* heap, CHUNK_HEAD* free_chunk)
     CHUNK_HEAD* behind; // the chunk the new one goes in front of
     if (s <= 128) {
         behind = links(head)->next_free;
+    } else if (s < NHEAP_INDEXED_SIZE_LIMIT) {
+        // In front of the leader of its size, or of the next larger size present, or at the end;
+        // either way it leads its own size now.
+        std::uint64_t k = index - NHEAP_SMALL_BIN_COUNT;
+        std::uint64_t base = run_base(k);
+        std::uint64_t bit = std::uint64_t{1} << ((s >> 4) - base);
+        std::uint64_t& present = heap->run_sizes[k];
+        CHUNK_HEAD*& slot = heap->run_leaders[(s >> 4) - 8];
+        if (present & bit) {
+            behind = slot;
+        } else {
+            std::uint64_t larger = present & ~(bit | (bit - 1));
+            behind = larger == 0 ? head
+                                 : heap->run_leaders[base - 8 + static_cast<std::uint64_t>(std::countr_zero(larger))];
+            present |= bit;
+        }
+        slot = free_chunk;
     } else {
         // In front of the first chunk that is not smaller: it leads its run, or the bin ends there.
-        behind = first_at_least(head, s);
+        behind = walk_leaders(head, s);
         LeaderLinks* lead = leader(free_chunk);
         if (behind != head && behind->chunk_size == s) {
             // The newest of equal sizes comes first and leads the run in place of the old leader.
@@ -605,7 +662,7 @@ void* nheap_alloc_aligned(heap_state* heap, std::uint64_t size, std::uint64_t al
     std::uint64_t index = n <= 128 ? small_index(n) : NHEAP_SMALL_BIN_COUNT + large_index(n);
     if (index < bin_count(heap) && (heap->occupied_bins & (std::uint64_t{1} << index))) {
         CHUNK_HEAD* head = bin_head(heap, index);
-        CHUNK_HEAD* c = n <= 128 ? links(head)->next_free : first_at_least(head, n);
+        CHUNK_HEAD* c = n <= 128 ? links(head)->next_free : first_at_least(heap, index, n);
         for (; c != head; c = links(c)->next_free) {
             if (c->chunk_size >= n && (reinterpret_cast<std::uintptr_t>(block_of(c)) & mask) == 0) {
                 result = split_and_reserve(heap, c, n);

@@ -35,6 +35,10 @@ inline constexpr std::uint64_t NHEAP_SMALL_BIN_COUNT = 13;
 inline constexpr std::uint64_t NHEAP_MAX_LARGE_BIN_COUNT = 16;
 inline constexpr std::uint64_t NHEAP_MIN_AREA_SIZE = 88;
 inline constexpr std::uint64_t NHEAP_ISOLATED_USAGE_MAX_NESTING = 1;
+// Large bins 0..3, sizes below 2048, keep an index of their runs (see heap_state).
+inline constexpr std::uint64_t NHEAP_INDEXED_BIN_COUNT = 4;
+inline constexpr std::uint64_t NHEAP_INDEXED_SIZE_LIMIT = 2048;
+inline constexpr std::uint64_t NHEAP_INDEXED_RUN_COUNT = NHEAP_INDEXED_SIZE_LIMIT / 16 - 8;
 
 // The record at the start of every area; the areas of a heap form a circular list.
 struct heapmem {
@@ -95,10 +99,17 @@ struct heap_state {
     // Odd while nheap_event forms the derived statistics. Events run under heap_lock, so they need
     // no second lock; readers, who take stat_lock among themselves, copy until it stays even.
     std::uint64_t stat_sequence;
+    // Large bins 0..3 (chunk sizes 144..2047) hold at most 8 << k sizes each, so they keep an
+    // index of their runs of equal sizes: bit j of run_sizes[k] is set while bin k holds chunks
+    // of ((8 << k) + j) * 16 bytes, and run_leaders[size / 16 - 8] is then the first (newest) of
+    // them. Searches and filings in these bins need no walk; guarded by heap_lock.
+    std::uint64_t run_sizes[NHEAP_INDEXED_BIN_COUNT];
+    CHUNK_HEAD* run_leaders[NHEAP_INDEXED_RUN_COUNT];
 };
 static_assert(offsetof(heap_state, heap_lock) == 88 && offsetof(heap_state, stat) == 104);
 static_assert(offsetof(heap_state, overhead_byte_count) == 256 && offsetof(heap_state, stat_lock) == 264);
-static_assert(sizeof(heap_state) == 296);
+static_assert(offsetof(heap_state, stat_sequence) == 288 && offsetof(heap_state, run_sizes) == 296);
+static_assert(sizeof(heap_state) == 296 + 4 * 8 + 120 * 8);
 
 // A heap of initial_size bytes in one block from AllocMemory, growing by areas sized in units of
 // grow_size (0: never) while heap_size stays within max_heap_size (0: no limit). Null on failure,

@@ -66,7 +66,31 @@ bool check_area(heapmem* area, Counts& counts)
     return c == hi && has_flag(c, CF_RESERVED);
 }
 
-// A large bin ascends by size, and its run leaders form the circular list that searches use.
+// Large bin k below NHEAP_INDEXED_BIN_COUNT ascends by size, holds only sizes of its range, and
+// its run index names exactly the sizes present, each with the first chunk of that size. The
+// walk gives up after more steps than there are free chunks, so that a cycle can't hold it.
+bool check_indexed_bin(heap_state* heap, std::uint64_t k, std::uint64_t steps)
+{
+    CHUNK_HEAD* head = bin_head(heap, NHEAP_SMALL_BIN_COUNT + k);
+    std::uint64_t base = run_base(k);
+    std::uint64_t seen = 0;
+    std::uint64_t last = 0;
+    for (CHUNK_HEAD* c = links(head)->next_free; c != head; c = links(c)->next_free) {
+        std::uint64_t s = c->chunk_size;
+        if (steps-- == 0 || (s & 15) != 0 || s < base * 16 || s >= base * 32 || s < last)
+            return false;
+        if (s != last) {
+            if (heap->run_leaders[(s >> 4) - 8] != c)
+                return false;
+            seen |= std::uint64_t{1} << ((s >> 4) - base);
+            last = s;
+        }
+    }
+    return seen == heap->run_sizes[k];
+}
+
+// A large bin from 4 on ascends by size, and its run leaders form the circular list that
+// searches use.
 bool check_large_bin(CHUNK_HEAD* head)
 {
     CHUNK_HEAD* first = links(head)->next_free;
@@ -111,7 +135,10 @@ bool nheap_check(heap_state* heap)
         // The map of filled bins must agree with the bins themselves.
         bool filled = links(head)->next_free != head;
         ok = ok && filled == ((heap->occupied_bins >> i) & 1);
-        ok = ok && (i < NHEAP_SMALL_BIN_COUNT || check_large_bin(head));
+        if (i >= NHEAP_SMALL_BIN_COUNT + NHEAP_INDEXED_BIN_COUNT)
+            ok = ok && check_large_bin(head);
+        else if (i >= NHEAP_SMALL_BIN_COUNT)
+            ok = ok && check_indexed_bin(heap, i - NHEAP_SMALL_BIN_COUNT, counts.free);
     }
     unlock(heap, &heap->heap_lock, FILE_NAME, __LINE__);
     return ok;

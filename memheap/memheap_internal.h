@@ -16,10 +16,12 @@ struct FreeLinks {
 };
 
 // Large bins ascend by size and may hold long runs of equal sizes. The first chunk of each run,
-// its leader, keeps two more links in its own free payload (a large chunk has at least 144 bytes):
-// a circular list of the leaders of its bin. A walk "to the first chunk of at least n bytes" then
-// steps over whole runs and stops at the very chunk a walk of the bin list would reach. Chunks
-// that lead no run have a null next_leader. The bin list itself is untouched by this.
+// its leader, is found without walking the run. In bins 0..3 the heap's run index knows it (see
+// heap_state). In the bins from 4 on, the leader keeps two more links in its own free payload (a
+// large chunk has at least 144 bytes): a circular list of the leaders of its bin. A walk "to the
+// first chunk of at least n bytes" then steps over whole runs and stops at the very chunk a walk
+// of the bin list would reach. Chunks there that lead no run have a null next_leader. Neither
+// scheme touches the bin list itself.
 struct LeaderLinks {
     CHUNK_HEAD* prev_leader;
     CHUNK_HEAD* next_leader;
@@ -48,6 +50,10 @@ inline CHUNK_HEAD* chunk_of(void* block) { return before(static_cast<CHUNK_HEAD*
 
 // Bin i: small bins 0..12, then the large bins; its head lies 16 bytes before its pair.
 inline CHUNK_HEAD* bin_head(heap_state* heap, std::uint64_t index) { return at(heap->small_bins, index * HEAD_SIZE); }
+
+// Run index of large bins 0..3: the first size of bin k in units of 16 is 8 << k; a size s of that
+// bin has bit (s >> 4) - (8 << k) in run_sizes[k] and its leader in run_leaders[(s >> 4) - 8].
+inline std::uint64_t run_base(std::uint64_t k) { return std::uint64_t{8} << k; }
 inline std::uint64_t bin_count(const heap_state* heap) { return heap->small_bin_count + heap->large_bin_count; }
 
 // The area record's low boundary chunk.

@@ -1,7 +1,9 @@
 // nheap under long seeded random sequences (integrity walk, statistics, contents of live blocks,
-// areas coming and going), two threads on one heap, and the process heap's allocation functions.
+// areas coming and going, bins against plain sorted lists), two threads on one heap, and the
+// process heap's allocation functions.
 #include <algorithm>
 #include <atomic>
+#include <bit>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -118,7 +120,116 @@ void run_sequence(heap_state* heap, std::uint64_t seed, int operations, std::siz
     }
 }
 
+// Every bin as a list of (chunk, size), small bins first.
+using Bins = std::vector<std::vector<std::pair<CHUNK_HEAD*, std::uint64_t>>>;
+
+Bins snapshot(heap_state* heap)
+{
+    Bins bins(13 + heap->large_bin_count);
+    for (std::uint64_t i = 0; i < bins.size(); ++i) {
+        auto* head = reinterpret_cast<CHUNK_HEAD*>(reinterpret_cast<char*>(heap->small_bins) + i * 16);
+        for (CHUNK_HEAD* c = first_in_bin(heap, i); c != nullptr && c != head; c = next_in_bin(c))
+            bins[i].emplace_back(c, c->chunk_size);
+    }
+    return bins;
+}
+
+// The chunk a bin-by-bin scan of plain lists gives for a chunk of n bytes.
+CHUNK_HEAD* plain_fit(const Bins& bins, std::uint64_t n)
+{
+    std::uint64_t start = n <= 128 ? (n <= 32 ? 0 : ((n - 33) >> 3) + 1) : 13 + 56 - std::countl_zero(n);
+    for (std::uint64_t i = start; i < bins.size(); ++i)
+        for (auto [c, size] : bins[i])
+            if (size >= n)
+                return c;
+    return nullptr;
+}
+
+// The bins after an operation, from those before it: the chunks that left go, and the one chunk
+// filed goes to the front of a small bin or in front of the first chunk not smaller than itself.
+Bins predicted(const Bins& before, const Bins& after)
+{
+    Bins out = before;
+    for (std::size_t i = 0; i < out.size(); ++i) {
+        auto& bin = out[i];
+        auto in = [](const auto& list, const auto& e) { return std::find(list.begin(), list.end(), e) != list.end(); };
+        std::erase_if(bin, [&](const auto& e) { return !in(after[i], e); });
+        for (const auto& e : after[i]) {
+            if (in(before[i], e))
+                continue;
+            auto not_smaller = [&](const auto& o) { return o.second >= e.second; };
+            bin.insert(i < 13 ? bin.begin() : std::find_if(bin.begin(), bin.end(), not_smaller), e);
+        }
+    }
+    return out;
+}
+
 } // namespace
+
+TEST(HeapRandom, BinsBehaveAsPlainSortedLists)
+{
+    std::uint64_t seed = seed_for("HeapRandom.Plain");
+    std::mt19937_64 rng(seed);
+    Heap heap(1 << 20, 0, 0);
+    std::vector<void*> live;
+    auto request = [&]() -> std::uint64_t {
+        unsigned kind = rng() % 100;
+        if (kind < 75) // chunk sizes 144..2032, with many repeats
+            return 113 + 16 * (rng() % 120) + rng() % 4;
+        return kind < 90 ? rng() % 113 : 2033 + rng() % 4000;
+    };
+    for (int op = 0; op < 6000; ++op) {
+        Bins before = snapshot(heap);
+        bool moved = false;
+        unsigned what = rng() % 100;
+        if (live.empty() || (what < 50 && live.size() < 500)) {
+            std::uint64_t size = request();
+            std::uint64_t n = std::max<std::uint64_t>(((size + 15) & ~std::uint64_t{15}) + 16, 32);
+            CHUNK_HEAD* expected = plain_fit(before, n);
+            void* p = nheap_alloc(heap, size);
+            ASSERT_NE(p, nullptr) << "op " << op;
+            ASSERT_EQ(chunk_of(p), expected) << "op " << op << " size " << size;
+            live.push_back(p);
+        } else if (what < 90) {
+            std::size_t i = rng() % live.size();
+            nheap_free(heap, live[i]);
+            live[i] = live.back();
+            live.pop_back();
+        } else {
+            std::size_t i = rng() % live.size();
+            void* p = nheap_realloc(heap, live[i], request() + 1);
+            ASSERT_NE(p, nullptr);
+            moved = p != live[i]; // an allocation and a release: two filings, no single prediction
+            live[i] = p;
+        }
+        Bins after = snapshot(heap);
+        if (!moved) {
+            ASSERT_EQ(after, predicted(before, after)) << "op " << op;
+        }
+        ASSERT_TRUE(nheap_check(heap)) << "op " << op;
+    }
+
+    // The walk notices an index that disagrees with the bins: a size marked present that is not,
+    // and a run whose recorded first chunk is its second.
+    ASSERT_LT(std::countr_one(heap->run_sizes[3]), 64);
+    std::uint64_t absent = std::uint64_t{1} << std::countr_one(heap->run_sizes[3]);
+    heap->run_sizes[3] |= absent;
+    EXPECT_FALSE(nheap_check(heap));
+    heap->run_sizes[3] &= ~absent;
+    Bins bins = snapshot(heap);
+    auto same = [](auto& a, auto& b) { return a.second == b.second; };
+    auto has_run = [&](auto& b) { return std::adjacent_find(b.begin(), b.end(), same) != b.end(); };
+    auto& bin = *std::find_if(&bins[13], &bins[13 + 3], has_run); // else bin 3, checked below
+    auto run = std::adjacent_find(bin.begin(), bin.end(), same);
+    ASSERT_NE(run, bin.end());
+    CHUNK_HEAD*& leader = heap->run_leaders[run->second / 16 - 8];
+    leader = run[1].first;
+    EXPECT_FALSE(nheap_check(heap));
+    leader = run->first;
+    EXPECT_TRUE(nheap_check(heap));
+    for (void* p : live)
+        nheap_free(heap, p);
+}
 
 TEST(HeapRandom, LongSequencesKeepTheHeapConsistent)
 {
