@@ -13,14 +13,16 @@
 
 namespace {
 
-using host::devices::Outcome;
-using host::devices::Request;
-using host::devices::RequestRef;
+using namespace host::devices;
+using orlix::MSG_IO_ABORT_ACK;
+using orlix::MSG_IO_ABORTED;
+using orlix::MSG_IO_DONE;
+using orlix::MSG_IO_FAILED;
 
 constexpr std::uint32_t CMD_DONE = 1, CMD_FAIL = 2, CMD_WAIT = 3, CMD_TOUCH = 4;
 constexpr std::uint32_t FAIL_STATUS = 77;
 
-class TestDevice final : public host::devices::Service {
+class TestDevice final : public Service {
 public:
     TestDevice() : Service("test", 256) {}
     ~TestDevice() override { shutdown(); }
@@ -29,10 +31,9 @@ public:
     void release_all()
     {
         std::vector<std::pair<RequestRef, std::uint64_t>> list;
-        {
-            std::lock_guard g(lock_);
-            list.swap(parked_);
-        }
+        std::unique_lock g(lock_);
+        list.swap(parked_);
+        g.unlock();
         for (auto& [r, serial] : list)
             resume(r, serial, [](Request&) { return Outcome::ok(); });
     }
@@ -53,15 +54,11 @@ private:
             parked_.push_back({r.shared_from_this(), r.serial});
             return Outcome::wait();
         }
-        case CMD_TOUCH: {
-            // Writes the 16 bytes the parameter pointer names, if they lie in the block.
+        case CMD_TOUCH: { // writes the 16 bytes the parameter pointer names, if they lie in the block
             std::uint8_t* p = r.area(r.block->params, 16);
-            if (!p)
-                return Outcome::fail(host::devices::STATUS_BAD_ADDRESS);
-            std::memset(p, 0xab, 16);
-            return Outcome::ok();
+            return p ? (std::memset(p, 0xab, 16), Outcome::ok()) : Outcome::fail(STATUS_BAD_ADDRESS);
         }
-        default: return Outcome::fail(host::devices::STATUS_BAD_COMMAND);
+        default: return Outcome::fail(STATUS_BAD_COMMAND);
         }
     }
     void cancel(Request& r) override
@@ -74,91 +71,76 @@ private:
     std::vector<std::pair<RequestRef, std::uint64_t>> parked_;
 };
 
-class Framework : public ::testing::Test {
+class Framework : public ::testing::Test, protected devtest::Open {
 protected:
     void SetUp() override
     {
         devtest::warm_up();
         start_objects = host::kernel::live_object_count();
-        device_service = std::make_unique<TestDevice>();
-        reply = devtest::make_port();
-        device = devtest::open_device(device_service->port(), reply);
-        ASSERT_NE(device, nullptr);
-        req = devtest::create_block(device, 256, reply);
-        ASSERT_NE(req, nullptr);
+        service = std::make_unique<TestDevice>();
+        ASSERT_TRUE(open(service->port(), 256));
     }
     void TearDown() override
     {
-        if (req) {
-            EXPECT_TRUE(devtest::delete_block(req));
-        }
-        EXPECT_TRUE(devtest::close_device(device, reply));
-        orlix::_SL_DeleteObject(reply, orlix::DELETE_OBJECT);
-        device_service.reset();
+        EXPECT_TRUE(close());
+        service.reset();
         EXPECT_EQ(host::kernel::live_object_count(), start_objects);
     }
-    std::uint64_t run(std::uint32_t command)
+    std::uint64_t run(std::uint32_t command, void* params = nullptr)
     {
-        return devtest::sync(req, command, orlix::ioreq_area(req));
+        return devtest::sync(req, command, params ? params : orlix::ioreq_area(req));
     }
+    void begin(std::uint32_t command)
+    {
+        req->command = command;
+        devtest::begin(req);
+    }
+    std::uint64_t next(int ms = 5000) { return devtest::receive(reply, ms).type; }
     // Nothing more arrives on the reply port for a while.
-    void expect_quiet(int ms = 60) { EXPECT_EQ(devtest::receive(reply, ms).type, 0u); }
+    void expect_quiet(int ms = 60) { EXPECT_EQ(next(ms), 0u); }
 
     std::uint64_t start_objects = 0;
-    std::unique_ptr<TestDevice> device_service;
-    orlix::Handle reply = orlix::INVALID_HANDLE;
-    orlix::Device* device = nullptr;
-    orlix::IOreq* req = nullptr;
+    std::unique_ptr<TestDevice> service;
 };
 
-TEST_F(Framework, OpenGivesACompleteDeviceRecordInSharedMemory)
+// The record's handles and shared memory are used end to end by the client's loopback test; here
+// what that test would not notice.
+TEST_F(Framework, OpenGivesAFreeCreateLockASharedRequestAndBoundedBlocks)
 {
-    EXPECT_NE(device->open_state, 0u);
-    EXPECT_TRUE(orlix::handle_valid(device->create_lock));
-    EXPECT_TRUE(orlix::handle_valid(device->request_port));
-    EXPECT_TRUE(orlix::handle_valid(device->create_reply_port));
-    EXPECT_NE(orlix::_SL_GetAddressMemo(0, device, 2), orlix::INVALID_HANDLE);
-    // The create lock is a free binary lock.
     EXPECT_EQ(orlix::_SL_WaitSemaphore(device->create_lock, 1, 0), orlix::STATUS_DONE);
-    EXPECT_EQ(orlix::_SL_WaitSemaphore(device->create_lock, 1, 0), orlix::STATUS_TIMEOUT);
+    EXPECT_EQ(orlix::_SL_WaitSemaphore(device->create_lock, 1, 0), orlix::STATUS_TIMEOUT) << "not binary";
     orlix::_SL_SignalSemaphore(device->create_lock, 1);
-
+    // The shared request runs like any other, on the reply port the device gave it.
     orlix::DeviceSharedIO* io = device->shared_io;
     ASSERT_NE(io, nullptr);
-    EXPECT_EQ(io->lock->count, 0);
-    EXPECT_TRUE(orlix::handle_valid(io->lock->semaphore));
-    ASSERT_NE(io->request, nullptr);
-    EXPECT_EQ(io->request->device, device);
-    EXPECT_EQ(io->params, orlix::ioreq_area(io->request));
     EXPECT_EQ(io->params_size, 256u);
-    // The shared request runs like any other, on the reply port the device gave it.
-    EXPECT_EQ(devtest::sync(io->request, CMD_FAIL, io->params), orlix::MSG_IO_FAILED);
+    EXPECT_EQ(devtest::sync(io->request, CMD_FAIL, io->params), MSG_IO_FAILED);
     EXPECT_EQ(io->request->error, FAIL_STATUS);
-
-    // A new block: id and device set, no time-out.
-    EXPECT_NE(req->id, 0u);
-    EXPECT_EQ(req->device, device);
+    // A new block has no time-out; sizes below the header, or absurd, are refused.
     EXPECT_EQ(req->timeout, orlix::IOREQ_NO_TIMEOUT);
-    // Sizes below the header, or absurd, are refused.
     EXPECT_EQ(devtest::create_block(device, 119, reply), nullptr);
     EXPECT_EQ(devtest::create_block(device, std::uint64_t{1} << 40, reply), nullptr);
 }
 
 TEST_F(Framework, CommandsCompleteWithDoneOrFailedAndTheStatus)
 {
-    EXPECT_EQ(run(CMD_DONE), orlix::MSG_IO_DONE);
-    EXPECT_EQ(run(CMD_FAIL), orlix::MSG_IO_FAILED);
-    EXPECT_EQ(req->error, FAIL_STATUS);
-    EXPECT_EQ(run(0xc0ff0001), orlix::MSG_IO_FAILED);
-    EXPECT_EQ(req->error, host::devices::STATUS_BAD_COMMAND);
-    // A parameter pointer inside the block works; one outside, or running over its end, fails.
-    EXPECT_EQ(run(CMD_TOUCH), orlix::MSG_IO_DONE);
-    EXPECT_EQ(orlix::ioreq_area(req)[15], 0xab);
+    auto* block = reinterpret_cast<std::uint8_t*>(req);
     std::uint8_t outside[16];
-    EXPECT_EQ(devtest::sync(req, CMD_TOUCH, outside), orlix::MSG_IO_FAILED);
-    EXPECT_EQ(req->error, host::devices::STATUS_BAD_ADDRESS);
-    EXPECT_EQ(devtest::sync(req, CMD_TOUCH, reinterpret_cast<std::uint8_t*>(req) + 256 - 15), orlix::MSG_IO_FAILED);
-    EXPECT_EQ(devtest::sync(req, CMD_TOUCH, reinterpret_cast<std::uint8_t*>(req) + 256 - 16), orlix::MSG_IO_DONE);
+    // A parameter pointer inside the block works; one outside, or running over its end, fails.
+    const std::tuple<std::uint32_t, void*, std::uint64_t, std::uint32_t> rows[] = {
+        {CMD_DONE, nullptr, MSG_IO_DONE, 0},
+        {CMD_FAIL, nullptr, MSG_IO_FAILED, FAIL_STATUS},
+        {0xc0ff0001, nullptr, MSG_IO_FAILED, STATUS_BAD_COMMAND},
+        {CMD_TOUCH, block + 256 - 16, MSG_IO_DONE, 0},
+        {CMD_TOUCH, outside, MSG_IO_FAILED, STATUS_BAD_ADDRESS},
+        {CMD_TOUCH, block + 256 - 15, MSG_IO_FAILED, STATUS_BAD_ADDRESS},
+    };
+    for (auto [command, params, type, status] : rows) {
+        req->error = 0;
+        EXPECT_EQ(run(command, params), type) << command;
+        EXPECT_EQ(req->error, status) << command;
+    }
+    EXPECT_EQ(block[255], 0xab);
     expect_quiet();
 }
 
@@ -174,60 +156,55 @@ TEST_F(Framework, StaleAndForgedIdsAreRefused)
     EXPECT_NE(third->id, old_id);
     for (std::uint64_t id : {old_id, std::uint64_t{0}, std::uint64_t{0x7777}, req->id + (std::uint64_t{1} << 32)}) {
         orlix::_SL_SendMsg(device->request_port, static_cast<std::uint64_t>(reply), orlix::MSG_IO_BEGIN, id, -1);
-        EXPECT_EQ(devtest::receive(reply).type, orlix::MSG_IO_FAILED) << id;
+        EXPECT_EQ(next(), MSG_IO_FAILED) << id;
     }
     // The live blocks still work.
-    EXPECT_EQ(devtest::sync(third, CMD_DONE, orlix::ioreq_area(third)), orlix::MSG_IO_DONE);
-    EXPECT_EQ(run(CMD_DONE), orlix::MSG_IO_DONE);
+    EXPECT_EQ(devtest::sync(third, CMD_DONE, orlix::ioreq_area(third)), MSG_IO_DONE);
+    EXPECT_EQ(run(CMD_DONE), MSG_IO_DONE);
     EXPECT_TRUE(devtest::delete_block(third));
 }
 
 TEST_F(Framework, AbortOfAWaitingCommandAcknowledgesThenAborts)
 {
-    req->command = CMD_WAIT;
-    devtest::begin(req);
+    begin(CMD_WAIT);
     expect_quiet();
     // A second begin on the block in flight fails with status 5 and leaves the first alone.
     devtest::begin(req);
-    EXPECT_EQ(devtest::receive(reply).type, orlix::MSG_IO_FAILED);
-    EXPECT_EQ(req->error, host::devices::STATUS_BUSY);
-    EXPECT_EQ(device_service->waiting(), 1u);
+    EXPECT_EQ(next(), MSG_IO_FAILED);
+    EXPECT_EQ(req->error, STATUS_BUSY);
+    EXPECT_EQ(service->waiting(), 1u);
 
     devtest::abort(req);
-    EXPECT_EQ(devtest::receive(reply).type, orlix::MSG_IO_ABORT_ACK);
-    EXPECT_EQ(devtest::receive(reply).type, orlix::MSG_IO_ABORTED);
-    EXPECT_EQ(device_service->waiting(), 0u);
+    EXPECT_EQ(next(), MSG_IO_ABORT_ACK);
+    EXPECT_EQ(next(), MSG_IO_ABORTED);
+    EXPECT_EQ(service->waiting(), 0u);
     expect_quiet();
-
-    // Abort after completion: only the acknowledgement.
-    req->command = CMD_WAIT;
-    devtest::begin(req);
-    device_service->release_all();
-    EXPECT_EQ(devtest::receive(reply).type, orlix::MSG_IO_DONE);
+    // Abort after completion: only the acknowledgement; the block is idle again.
+    begin(CMD_WAIT);
+    service->release_all();
+    EXPECT_EQ(next(), MSG_IO_DONE);
     devtest::abort(req);
-    EXPECT_EQ(devtest::receive(reply).type, orlix::MSG_IO_ABORT_ACK);
+    EXPECT_EQ(next(), MSG_IO_ABORT_ACK);
     expect_quiet();
-    // The block is idle again.
-    EXPECT_EQ(run(CMD_DONE), orlix::MSG_IO_DONE);
+    EXPECT_EQ(run(CMD_DONE), MSG_IO_DONE);
 }
 
 TEST_F(Framework, TimeOutEndsAWaitingCommandOnce)
 {
     req->timeout = 50;
     auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(run(CMD_WAIT), orlix::MSG_IO_FAILED);
+    EXPECT_EQ(run(CMD_WAIT), MSG_IO_FAILED);
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(45));
-    EXPECT_EQ(req->error, host::devices::STATUS_TIME_EXPIRED);
-    EXPECT_EQ(device_service->waiting(), 0u);
+    EXPECT_EQ(req->error, STATUS_TIME_EXPIRED);
+    EXPECT_EQ(service->waiting(), 0u);
     // A late wake-up of the timed-out begin sends nothing.
-    device_service->release_all();
+    service->release_all();
     expect_quiet();
     // A command that finishes before its time-out is not ended by it later.
     req->timeout = 40;
-    req->command = CMD_WAIT;
-    devtest::begin(req);
-    device_service->release_all();
-    EXPECT_EQ(devtest::receive(reply).type, orlix::MSG_IO_DONE);
+    begin(CMD_WAIT);
+    service->release_all();
+    EXPECT_EQ(next(), MSG_IO_DONE);
     expect_quiet(120);
 }
 
@@ -240,33 +217,23 @@ TEST_F(Framework, RacingCompletionAbortAndTimeOutGiveOneEndPerBegin)
     std::srand(seed);
     for (int round = 0; round < 60; ++round) {
         req->timeout = static_cast<std::uint32_t>(std::rand() % 3);
-        req->command = CMD_WAIT;
-        devtest::begin(req);
-        std::thread releaser([&] { device_service->release_all(); });
+        begin(CMD_WAIT);
+        std::thread releaser([&] { service->release_all(); });
         devtest::abort(req);
         releaser.join();
         int ends = 0, acks = 0;
-        for (;;) {
-            orlix::Message m = devtest::receive(reply, ends == 1 && acks == 1 ? 20 : 2000);
-            if (m.type == 0)
-                break;
-            if (m.type == orlix::MSG_IO_ABORT_ACK)
-                ++acks;
-            else
-                ++ends;
-        }
-        ASSERT_EQ(acks, 1) << "round " << round;
-        ASSERT_EQ(ends, 1) << "round " << round;
+        for (std::uint64_t type; (type = next(ends == 1 && acks == 1 ? 20 : 2000)) != 0;)
+            ++(type == MSG_IO_ABORT_ACK ? acks : ends);
+        ASSERT_EQ(std::pair(acks, ends), std::pair(1, 1)) << "round " << round;
     }
 }
 
 TEST_F(Framework, DeleteAndCloseEndWaitingCommandsSilently)
 {
-    req->command = CMD_WAIT;
-    devtest::begin(req);
+    begin(CMD_WAIT);
     EXPECT_TRUE(devtest::delete_block(req));
     req = nullptr;
-    EXPECT_EQ(device_service->waiting(), 0u);
+    EXPECT_EQ(service->waiting(), 0u);
     expect_quiet();
     // A waiting command on a block still open when the device is closed goes with it.
     orlix::IOreq* other = devtest::create_block(device, 300, reply);
@@ -274,9 +241,8 @@ TEST_F(Framework, DeleteAndCloseEndWaitingCommandsSilently)
     other->command = CMD_WAIT;
     devtest::begin(other);
     EXPECT_TRUE(devtest::close_device(device, reply));
-    EXPECT_EQ(device_service->waiting(), 0u);
-    device = devtest::open_device(device_service->port(), reply); // for TearDown
-    ASSERT_NE(device, nullptr);
+    EXPECT_EQ(service->waiting(), 0u);
+    ASSERT_NE(device = devtest::open_device(service->port(), reply), nullptr); // for TearDown
     expect_quiet();
 }
 

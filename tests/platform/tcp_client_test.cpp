@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <functional>
 #include <numeric>
+#include <tuple>
 
 #include "fake_device.h"
 #include "platform/device_client.h"
@@ -29,35 +31,35 @@ template <typename T> T at(const std::vector<std::uint8_t>& area, std::size_t of
     return value;
 }
 
-// A device that takes whole sends, except where a test says otherwise.
+// A device that takes whole sends; run number fail_run (counted from the last fail()) fails.
 struct TcpFake {
     explicit TcpFake(std::uint64_t params_size) : dev(params_size)
     {
         dev.on_begin = [this](FakeDevice&, IOreq* req) {
-            ++runs;
             auto* p = static_cast<TcpTransferParams*>(req->params);
+            bool failing = ++runs == fail_run;
             if (req->command == TCP_SEND)
-                p->result = p->length;
-            if (fail_run == runs) {
+                p->result = failing ? partial : p->length;
+            if (failing) {
                 req->error = fail_status;
-                if (req->command == TCP_SEND)
-                    p->result = partial;
-                FakeDevice::reply(req, MSG_IO_FAILED);
-                return;
-            }
-            if (req->command == TCP_CREATE)
+            } else if (req->command == TCP_CREATE) {
                 reinterpret_cast<TcpCreateParams*>(p)->socket = 42;
-            if (req->command == TCP_GETNAME) {
-                auto* a = reinterpret_cast<TcpAddressParams*>(p);
-                std::memset(a->address, 0x5c, 16);
-                a->length = 16;
+            } else if (req->command == TCP_GETNAME) {
+                std::memset(reinterpret_cast<TcpAddressParams*>(p)->address, 0x5c, 16);
+                reinterpret_cast<TcpAddressParams*>(p)->length = 16;
             }
-            FakeDevice::reply(req, MSG_IO_DONE);
+            FakeDevice::reply(req, failing ? MSG_IO_FAILED : MSG_IO_DONE);
         };
     }
+    void fail(int run, std::uint32_t status, std::uint64_t partial_count = 0)
+    {
+        runs = 0;
+        fail_run = run;
+        fail_status = status;
+        partial = partial_count;
+    }
     FakeDevice dev;
-    int runs = 0;
-    int fail_run = 0;
+    int runs = 0, fail_run = 0;
     std::uint32_t fail_status = 0;
     std::uint64_t partial = 0;
 };
@@ -89,40 +91,33 @@ TEST(TcpSend, CutsIntoPiecesWithTheMoreFlagOnMiddlePiecesOnly)
 
     EXPECT_EQ(td_send(tcp.dev.device(), 9, data.data(), 150, 0x40), 150);
     EXPECT_EQ(td_send(tcp.dev.device(), 9, data.data(), 250, 0x40), 250);
-    auto cmds = tcp.dev.commands();
+    auto cmds = tcp.dev.commands;
     ASSERT_EQ(cmds.size(), 5u);
     const std::uint64_t lengths[] = {100, 50, 100, 100, 50};
     const std::uint32_t flags[] = {0x40, 0x40, 0x40, 0x8040, 0x40};
     const std::size_t offsets[] = {0, 100, 0, 100, 200};
+    auto* params = static_cast<std::uint8_t*>(tcp.dev.device()->shared_io->params);
     for (std::size_t i = 0; i < cmds.size(); ++i) {
-        EXPECT_EQ(cmds[i].command, TCP_SEND);
-        EXPECT_EQ(at<std::int32_t>(cmds[i].area, 0), 9);
-        EXPECT_EQ(at<std::uint64_t>(cmds[i].area, 32), lengths[i]) << i;
-        EXPECT_EQ(at<std::uint32_t>(cmds[i].area, 40), flags[i]) << i;
-        EXPECT_EQ(at<std::uint64_t>(cmds[i].area, 48), 0u) << "result cleared before the run";
-        EXPECT_EQ(at<std::uint8_t*>(cmds[i].area, 24), static_cast<std::uint8_t*>(tcp.dev.device()->shared_io->params) + 56);
-        EXPECT_EQ(0, std::memcmp(cmds[i].area.data() + 56, data.data() + offsets[i], lengths[i])) << i;
+        const auto& area = cmds[i].area; // the result is cleared before each run
+        EXPECT_EQ(std::tuple(cmds[i].command, at<std::int32_t>(area, 0), at<std::uint8_t*>(area, 24),
+                             at<std::uint64_t>(area, 32), at<std::uint32_t>(area, 40), at<std::uint64_t>(area, 48)),
+                  std::tuple(TCP_SEND, 9, params + 56, lengths[i], flags[i], 0u))
+            << i;
+        EXPECT_EQ(0, std::memcmp(area.data() + 56, data.data() + offsets[i], lengths[i])) << i;
     }
 
-    // A failing second piece counts its result field and leaves errno alone.
+    // A failing second piece counts its result field and leaves errno alone; a failing first
+    // piece gives -1 and the translated status; nothing to send sends nothing.
     sys_errno() = 1234;
-    tcp.runs = 0;
-    tcp.fail_run = 2;
-    tcp.fail_status = 0xe0050013;
-    tcp.partial = 7;
+    tcp.fail(2, 0xe0050013, 7);
     EXPECT_EQ(td_send(tcp.dev.device(), 9, data.data(), 250, 0), 107);
     EXPECT_EQ(sys_errno(), 1234);
-    // A failing first piece: -1 and the translated status.
-    tcp.runs = 0;
-    tcp.fail_run = 1;
-    EXPECT_EQ(td_send(tcp.dev.device(), 9, data.data(), 250, 0), -1);
-    EXPECT_EQ(sys_errno(), 59);
-
-    std::size_t before = tcp.dev.commands().size();
-    sys_errno() = 1234;
     EXPECT_EQ(td_send(tcp.dev.device(), 9, data.data(), 0, 0), -1);
     EXPECT_EQ(sys_errno(), 1234);
-    EXPECT_EQ(tcp.dev.commands().size(), before);
+    EXPECT_EQ(tcp.dev.commands.size(), 7u);
+    tcp.fail(1, 0xe0050013);
+    EXPECT_EQ(td_send(tcp.dev.device(), 9, data.data(), 250, 0), -1);
+    EXPECT_EQ(sys_errno(), 59);
     EXPECT_EQ(tcp.dev.device()->shared_io->lock->count, 0);
 }
 
@@ -134,29 +129,36 @@ TEST(TcpCommands, SizeTestsSendNothingAndAddressesRoundTrip)
     std::memset(address, 0x33, sizeof address);
 
     EXPECT_EQ(td_sockbind(d, 5, address, 16), 1); // 16 + 16 fills the area exactly
-    auto cmd = tcp.dev.commands().back();
-    EXPECT_EQ(cmd.command, TCP_BIND);
-    EXPECT_EQ(at<std::int32_t>(cmd.area, 0), 5);
-    EXPECT_EQ(at<std::uint32_t>(cmd.area, 4), 16u);
-    EXPECT_EQ(at<std::uint8_t*>(cmd.area, 8), static_cast<std::uint8_t*>(d->shared_io->params) + 16);
-    EXPECT_EQ(0, std::memcmp(cmd.area.data() + 16, address, 16));
-    sys_errno() = 0;
-    EXPECT_EQ(td_sockbind(d, 5, address, 17), 0);
-    EXPECT_EQ(sys_errno(), 8);
-    EXPECT_EQ(tcp.dev.commands().size(), 1u);
+    const auto& [command, area] = tcp.dev.commands.back();
+    EXPECT_EQ(std::tuple(command, at<std::int32_t>(area, 0), at<std::uint32_t>(area, 4), at<std::uint8_t*>(area, 8)),
+              std::tuple(TCP_BIND, 5, 16u, static_cast<std::uint8_t*>(d->shared_io->params) + 16));
+    EXPECT_EQ(0, std::memcmp(area.data() + 16, address, 16));
 
-    std::uint8_t out[20] = {};
+    // Too big for the area: 0 (socket creation -1) and errno 8, and nothing goes to the device.
+    TcpFake tiny(12);
     std::uint32_t length = 17;
-    EXPECT_EQ(td_sockgetname(d, 5, out, &length), 0);
+    std::uint8_t out[20] = {};
+    const std::pair<std::function<int()>, int> refused[] = {
+        {[&] { return td_sockbind(d, 5, address, 17); }, 0},
+        {[&] { return td_sockgetname(d, 5, out, &length); }, 0},
+        {[&] { return td_socksetopt(d, 5, 6, 1, "\1\0\0\0", 4); }, 0}, // 4 + 32 does not fit
+        {[&] { return td_sockcreat(tiny.dev.device(), 2, 1, 6); }, -1},
+    };
+    for (const auto& [call, expected] : refused) {
+        sys_errno() = 0;
+        EXPECT_EQ(call(), expected);
+        EXPECT_EQ(sys_errno(), 8);
+    }
     EXPECT_EQ(length, 17u);
+    EXPECT_EQ(tcp.dev.commands.size(), 1u);
+    EXPECT_EQ(tiny.dev.commands.size(), 0u);
+
     length = 16;
     EXPECT_EQ(td_sockgetname(d, 5, out, &length), 1);
     EXPECT_EQ(length, 16u);
     EXPECT_EQ(out[0], 0x5c);
     EXPECT_EQ(out[16], 0); // nothing past the caller's length
-    tcp.runs = 0;
-    tcp.fail_run = 1;
-    tcp.fail_status = 0xe0050038;
+    tcp.fail(1, 0xe0050038);
     length = 12;
     EXPECT_EQ(td_sockgetpeer(d, 5, out, &length), 0);
     EXPECT_EQ(sys_errno(), 18);
@@ -164,20 +166,5 @@ TEST(TcpCommands, SizeTestsSendNothingAndAddressesRoundTrip)
 
     tcp.fail_run = 0;
     EXPECT_EQ(td_sockcreat(d, 2, 1, 6), 42);
-    EXPECT_EQ(at<std::uint32_t>(tcp.dev.commands().back().area, 8), 6u);
-    EXPECT_EQ(td_socksetopt(d, 5, 6, 1, "\1\0\0\0", 4), 0); // 4 + 32 does not fit
-    EXPECT_EQ(sys_errno(), 8);
-    EXPECT_EQ(td_socklisten(d, 5, 32), 1);
-    EXPECT_EQ(at<std::uint32_t>(tcp.dev.commands().back().area, 4), 32u);
-    tcp.runs = 0;
-    tcp.fail_run = 1;
-    tcp.fail_status = 0xbe000014;
-    EXPECT_EQ(td_sockclose(d, 5), 0);
-    EXPECT_EQ(sys_errno(), 20);
-
-    TcpFake tiny(12);
-    sys_errno() = 0;
-    EXPECT_EQ(td_sockcreat(tiny.dev.device(), 2, 1, 6), -1); // its size failure answers -1 too
-    EXPECT_EQ(sys_errno(), 8);
-    EXPECT_EQ(tiny.dev.commands().size(), 0u);
+    EXPECT_EQ(at<std::uint32_t>(tcp.dev.commands.back().area, 8), 6u);
 }
