@@ -270,12 +270,15 @@ Outcome Tcpip::cmd_create(Request& r)
     return Outcome::ok();
 }
 
-// The socket a command names; NOT_SOCKET in status when there is none.
-Tcpip::SocketRef Tcpip::command_socket(std::int32_t number, std::uint32_t& status)
+template <typename F> Outcome Tcpip::on_open_socket(std::int32_t number, F fn)
 {
     SocketRef s = lookup(number);
-    status = s ? 0 : orlix::TCP_STATUS_NOT_SOCKET;
-    return s;
+    if (!s)
+        return Outcome::fail(orlix::TCP_STATUS_NOT_SOCKET);
+    std::lock_guard g(s->lock);
+    if (s->closed)
+        return Outcome::fail(orlix::TCP_STATUS_NOT_SOCKET);
+    return fn(s.get());
 }
 
 Outcome Tcpip::cmd_close(Request& r)
@@ -386,38 +389,33 @@ Outcome Tcpip::cmd_address(Request& r)
     std::uint8_t* bytes = length ? r.area(p->address, length) : nullptr;
     if (length && !bytes)
         return Outcome::fail(STATUS_BAD_ADDRESS);
-    std::uint32_t status;
-    SocketRef s = command_socket(p->socket, status);
-    if (!s)
-        return Outcome::fail(status);
-    std::lock_guard g(s->lock);
-    if (s->closed)
-        return Outcome::fail(orlix::TCP_STATUS_NOT_SOCKET);
-    if (r.pending.command == orlix::TCP_BIND) {
-        if (length < sizeof(sockaddr_in))
-            return Outcome::fail(orlix::TCP_STATUS_INVALID);
-        sockaddr_in sa;
-        std::memcpy(&sa, bytes, sizeof sa);
-        if (sa.sin_family != orlix::AF_INET_VALUE)
-            return Outcome::fail(orlix::TCP_STATUS_NO_FAMILY);
-        sa.sin_family = AF_INET;
-        if (::bind(s->fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 0)
+    return on_open_socket(p->socket, [&](Socket* s) {
+        if (r.pending.command == orlix::TCP_BIND) {
+            if (length < sizeof(sockaddr_in))
+                return Outcome::fail(orlix::TCP_STATUS_INVALID);
+            sockaddr_in sa;
+            std::memcpy(&sa, bytes, sizeof sa);
+            if (sa.sin_family != orlix::AF_INET_VALUE)
+                return Outcome::fail(orlix::TCP_STATUS_NO_FAMILY);
+            sa.sin_family = AF_INET;
+            if (::bind(s->fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 0)
+                return Outcome::fail(status_of_errno(errno));
+            return Outcome::ok();
+        }
+        sockaddr_in sa{};
+        socklen_t sl = sizeof sa;
+        int rc = r.pending.command == orlix::TCP_GETNAME ? ::getsockname(s->fd, reinterpret_cast<sockaddr*>(&sa), &sl)
+                                                          : ::getpeername(s->fd, reinterpret_cast<sockaddr*>(&sa), &sl);
+        if (rc != 0)
             return Outcome::fail(status_of_errno(errno));
+        orlix::sockaddr_in out{};
+        out.sin_family = orlix::AF_INET_VALUE;
+        out.sin_port = sa.sin_port;
+        out.sin_addr = sa.sin_addr.s_addr;
+        std::memcpy(bytes, &out, std::min<std::size_t>(length, sizeof out));
+        p->length = sizeof out;
         return Outcome::ok();
-    }
-    sockaddr_in sa{};
-    socklen_t sl = sizeof sa;
-    int rc = r.pending.command == orlix::TCP_GETNAME ? ::getsockname(s->fd, reinterpret_cast<sockaddr*>(&sa), &sl)
-                                                      : ::getpeername(s->fd, reinterpret_cast<sockaddr*>(&sa), &sl);
-    if (rc != 0)
-        return Outcome::fail(status_of_errno(errno));
-    orlix::sockaddr_in out{};
-    out.sin_family = orlix::AF_INET_VALUE;
-    out.sin_port = sa.sin_port;
-    out.sin_addr = sa.sin_addr.s_addr;
-    std::memcpy(bytes, &out, std::min<std::size_t>(length, sizeof out));
-    p->length = sizeof out;
-    return Outcome::ok();
+    });
 }
 
 Outcome Tcpip::cmd_setopt(Request& r)
@@ -429,34 +427,29 @@ Outcome Tcpip::cmd_setopt(Request& r)
     std::uint8_t* value = length ? r.area(p->value, length) : nullptr;
     if (length && !value)
         return Outcome::fail(STATUS_BAD_ADDRESS);
-    std::uint32_t status;
-    SocketRef s = command_socket(p->socket, status);
-    if (!s)
-        return Outcome::fail(status);
-    std::lock_guard g(s->lock);
-    if (s->closed)
-        return Outcome::fail(orlix::TCP_STATUS_NOT_SOCKET);
-    if (p->level == orlix::SOL_SOCKET_VALUE && p->option == orlix::SO_LINGER_VALUE) {
-        // Kept by the device: the host close must never block, so the linger time only bounds
-        // the background flush of a closed socket.
-        if (length < 8)
-            return Outcome::fail(orlix::TCP_STATUS_INVALID);
-        std::uint32_t words[2];
-        std::memcpy(words, value, sizeof words);
-        s->linger_on = words[0] != 0;
-        s->linger_seconds = words[1];
+    return on_open_socket(p->socket, [&](Socket* s) {
+        if (p->level == orlix::SOL_SOCKET_VALUE && p->option == orlix::SO_LINGER_VALUE) {
+            // Kept by the device: the host close must never block, so the linger time only bounds
+            // the background flush of a closed socket.
+            if (length < 8)
+                return Outcome::fail(orlix::TCP_STATUS_INVALID);
+            std::uint32_t words[2];
+            std::memcpy(words, value, sizeof words);
+            s->linger_on = words[0] != 0;
+            s->linger_seconds = words[1];
+            return Outcome::ok();
+        }
+        int level;
+        if (p->level == orlix::SOL_SOCKET_VALUE)
+            level = SOL_SOCKET;
+        else if (p->level == orlix::IPPROTO_TCP_VALUE)
+            level = IPPROTO_TCP;
+        else
+            return Outcome::fail(status_of_errno(ENOPROTOOPT));
+        if (::setsockopt(s->fd, level, static_cast<int>(p->option), value, length) != 0)
+            return Outcome::fail(status_of_errno(errno));
         return Outcome::ok();
-    }
-    int level;
-    if (p->level == orlix::SOL_SOCKET_VALUE)
-        level = SOL_SOCKET;
-    else if (p->level == orlix::IPPROTO_TCP_VALUE)
-        level = IPPROTO_TCP;
-    else
-        return Outcome::fail(status_of_errno(ENOPROTOOPT));
-    if (::setsockopt(s->fd, level, static_cast<int>(p->option), value, length) != 0)
-        return Outcome::fail(status_of_errno(errno));
-    return Outcome::ok();
+    });
 }
 
 Outcome Tcpip::cmd_listen(Request& r)
@@ -464,16 +457,11 @@ Outcome Tcpip::cmd_listen(Request& r)
     auto* p = params_of<orlix::TcpListenParams>(r);
     if (!p)
         return Outcome::fail(STATUS_BAD_ADDRESS);
-    std::uint32_t status;
-    SocketRef s = command_socket(p->socket, status);
-    if (!s)
-        return Outcome::fail(status);
-    std::lock_guard g(s->lock);
-    if (s->closed)
-        return Outcome::fail(orlix::TCP_STATUS_NOT_SOCKET);
-    if (::listen(s->fd, static_cast<int>(std::min<std::uint32_t>(p->backlog, 4096))) != 0)
-        return Outcome::fail(status_of_errno(errno));
-    return Outcome::ok();
+    return on_open_socket(p->socket, [&](Socket* s) {
+        if (::listen(s->fd, static_cast<int>(std::min<std::uint32_t>(p->backlog, 4096))) != 0)
+            return Outcome::fail(status_of_errno(errno));
+        return Outcome::ok();
+    });
 }
 
 Outcome Tcpip::cmd_accept(Request& r)
@@ -487,15 +475,12 @@ Outcome Tcpip::cmd_accept(Request& r)
     r.pending.params = reinterpret_cast<std::uint8_t*>(p);
     r.pending.data = static_cast<std::uint8_t*>(p->address);
     r.pending.length = p->length;
-    std::uint32_t status;
-    SocketRef s = command_socket(p->socket, status);
-    if (!s)
-        return Outcome::fail(status);
-    std::lock_guard g(s->lock);
-    Outcome o = try_accept(*s, r);
-    if (o.kind == Outcome::parked)
-        park(*s, r, s->readers, false);
-    return o;
+    return on_open_socket(p->socket, [&](Socket* s) {
+        Outcome o = try_accept(*s, r);
+        if (o.kind == Outcome::parked)
+            park(*s, r, s->readers, false);
+        return o;
+    });
 }
 
 // One accept attempt (s.lock held).
@@ -542,21 +527,16 @@ Outcome Tcpip::cmd_connect(Request& r)
         return Outcome::fail(orlix::TCP_STATUS_NO_FAMILY);
     sa.sin_family = AF_INET;
     r.pending.socket = p->socket;
-    std::uint32_t status;
-    SocketRef s = command_socket(p->socket, status);
-    if (!s)
-        return Outcome::fail(status);
-    std::lock_guard g(s->lock);
-    if (s->closed)
-        return Outcome::fail(orlix::TCP_STATUS_NOT_SOCKET);
-    if (::connect(s->fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) == 0) {
-        s->connected = true;
-        return Outcome::ok();
-    }
-    if (errno != EINPROGRESS)
-        return Outcome::fail(status_of_errno(errno));
-    park(*s, r, s->writers, true);
-    return Outcome::wait();
+    return on_open_socket(p->socket, [&](Socket* s) {
+        if (::connect(s->fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) == 0) {
+            s->connected = true;
+            return Outcome::ok();
+        }
+        if (errno != EINPROGRESS)
+            return Outcome::fail(status_of_errno(errno));
+        park(*s, r, s->writers, true);
+        return Outcome::wait();
+    });
 }
 
 // The end of a connection in progress (s.lock held): wait, or its outcome.
@@ -598,23 +578,18 @@ Outcome Tcpip::cmd_transfer(Request& r)
     r.pending.length = length;
     r.pending.flags = p->flags;
     p->result = 0;
-    std::uint32_t status;
-    SocketRef s = command_socket(p->socket, status);
-    if (!s)
-        return Outcome::fail(status);
-    std::lock_guard g(s->lock);
-    if (s->closed)
-        return Outcome::fail(orlix::TCP_STATUS_NOT_SOCKET);
-    if (s->pending_error) {
-        std::uint32_t e = s->pending_error;
-        s->pending_error = 0;
-        return Outcome::fail(e);
-    }
-    bool send = r.pending.command == orlix::TCP_SEND;
-    Outcome o = send ? try_send(*s, r) : try_receive(*s, r);
-    if (o.kind == Outcome::parked)
-        park(*s, r, send ? s->writers : s->readers, false);
-    return o;
+    return on_open_socket(p->socket, [&](Socket* s) {
+        if (s->pending_error) {
+            std::uint32_t e = s->pending_error;
+            s->pending_error = 0;
+            return Outcome::fail(e);
+        }
+        bool send = r.pending.command == orlix::TCP_SEND;
+        Outcome o = send ? try_send(*s, r) : try_receive(*s, r);
+        if (o.kind == Outcome::parked)
+            park(*s, r, send ? s->writers : s->readers, false);
+        return o;
+    });
 }
 
 void Tcpip::set_result(Request& r)

@@ -53,7 +53,8 @@ private:
 
     SocketRef lookup(std::int32_t number);
     SocketRef lookup_any(std::int32_t number);
-    SocketRef command_socket(std::int32_t number, std::uint32_t& status);
+    // Runs fn(socket) on the open socket a command names, under the socket's lock.
+    template <typename F> Outcome on_open_socket(std::int32_t number, F fn);
     SocketRef add_socket(int fd, Open* owner);
     void close_socket(const SocketRef& s);
     void finish_close(const SocketRef& s, bool give_up);
