@@ -11,22 +11,16 @@
 namespace heap_test {
 
 // Reports of the supervision callback, in order, as "text|file".
-inline std::vector<std::string>& reports()
-{
-    static std::vector<std::string> captured;
-    return captured;
-}
-inline int capture(const char* text, const char* file, std::int32_t)
-{
-    reports().push_back(std::string(text) + "|" + file);
-    return 0;
-}
+inline std::vector<std::string> reports;
+inline int capture(const char* text, const char* file, std::int32_t) { return reports.push_back(std::string(text) + "|" + file), 0; }
 
-inline orlix::nheap_stat stat_of(orlix::heap_state* heap)
+inline orlix::nheap_stat stat_of(orlix::heap_state* heap) { orlix::nheap_stat s{}; orlix::nheap_get_stat(heap, &s); return s; }
+
+using U64s = std::vector<std::uint64_t>;
+// Blocks in use, free chunks, heap size: {0, 1, initial size} once everything is given back.
+inline U64s settled(orlix::heap_state* heap)
 {
-    orlix::nheap_stat s{};
-    orlix::nheap_get_stat(heap, &s);
-    return s;
+    return {stat_of(heap).used_block_count, stat_of(heap).free_block_count, heap->heap_size};
 }
 
 inline orlix::CHUNK_HEAD* chunk_of(void* block) { return static_cast<orlix::CHUNK_HEAD*>(block) - 1; }
@@ -42,10 +36,7 @@ inline orlix::CHUNK_HEAD* next_in_bin(orlix::CHUNK_HEAD* c) { return reinterpret
 
 // A heap deleted at the end of the scope.
 struct Heap {
-    Heap(std::uint64_t initial, std::uint64_t grow, std::uint64_t max) : h(orlix::nheap_create(initial, grow, max))
-    {
-        EXPECT_NE(h, nullptr);
-    }
+    Heap(std::uint64_t initial, std::uint64_t grow, std::uint64_t max) : h(orlix::nheap_create(initial, grow, max)) { EXPECT_NE(h, nullptr); }
     ~Heap() { orlix::nheap_delete(h); }
     Heap(const Heap&) = delete;
     orlix::heap_state* operator->() const { return h; }

@@ -2,13 +2,13 @@
 // areas coming and going, bins against plain sorted lists), two threads on one heap, and the
 // process heap's allocation functions.
 #include <algorithm>
-#include <atomic>
 #include <bit>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <random>
 #include <thread>
+#include <utility>
 
 #include "heap_test_util.h"
 #include "host/kernel/host_kernel.h"
@@ -34,32 +34,20 @@ std::uint64_t seed_for(const char* test)
 
 struct Live {
     unsigned char* p;
-    std::uint64_t size;
-    std::uint64_t alignment; // 0: an ordinary block
+    std::uint64_t size, alignment; // alignment 0: an ordinary block
     unsigned char tag;
+    bool intact(std::uint64_t upto) const { return std::count(p, p + upto, tag) == std::ptrdiff_t(upto); }
+    bool placed() const { return reinterpret_cast<std::uintptr_t>(p) % std::max<std::uint64_t>(alignment, 16) == 0; }
 };
-
-void fill(Live& b) { std::memset(b.p, b.tag, b.size); }
-
-bool intact(const Live& b, std::uint64_t upto)
-{
-    for (std::uint64_t i = 0; i < upto; ++i)
-        if (b.p[i] != b.tag)
-            return false;
-    return true;
-}
 
 std::uint64_t random_size(std::mt19937_64& rng)
 {
-    unsigned kind = rng() % 100;
-    if (kind < 75)
-        return rng() % 257;
-    if (kind < 97)
-        return 257 + rng() % 8000;
-    return 8192 + rng() % (128 * 1024);
+    const unsigned kind = rng() % 100;
+    return kind < 75 ? rng() % 257 : kind < 97 ? 257 + rng() % 8000 : 8192 + rng() % (128 * 1024);
 }
 
-// One random sequence on a growing heap; the walk runs every `check_every` operations.
+// One random sequence on a growing heap. With check_every, the walk and the statistics are
+// checked that often; without, other threads may share the heap.
 void run_sequence(heap_state* heap, std::uint64_t seed, int operations, std::size_t max_live, int check_every)
 {
     static constexpr std::uint64_t ALIGNMENTS[] = {0, 16, 32, 64, 128, 256, 4096};
@@ -69,53 +57,49 @@ void run_sequence(heap_state* heap, std::uint64_t seed, int operations, std::siz
         unsigned what = rng() % 100;
         if (live.size() >= max_live && what < 45)
             what = 45 + what % 30; // full: free instead
-        if (what < 45 || live.empty()) {
-            std::uint64_t a = what < 35 ? 0 : ALIGNMENTS[rng() % 7]; // a tenth are aligned blocks
-            Live b{nullptr, random_size(rng), what < 35 ? 0 : std::max<std::uint64_t>(a, 32),
-                   static_cast<unsigned char>(rng())};
-            b.p = static_cast<unsigned char*>(what < 35 ? nheap_alloc(heap, b.size)
-                                                        : nheap_alloc_aligned(heap, b.size, a));
-            ASSERT_NE(b.p, nullptr) << "op " << op;
-            ASSERT_EQ(reinterpret_cast<std::uintptr_t>(b.p) % std::max<std::uint64_t>(b.alignment, 16), 0u);
+        const std::size_t i = live.empty() ? 0 : rng() % live.size();
+        if (what < 45 || live.empty()) { // a tenth are aligned blocks; some come from realloc
+            const std::uint64_t a = what < 35 ? 0 : ALIGNMENTS[rng() % 7];
+            Live b{nullptr, random_size(rng), what < 35 ? 0 : std::max<std::uint64_t>(a, 32), static_cast<unsigned char>(rng())};
+            b.p = static_cast<unsigned char*>(what < 30 ? nheap_alloc(heap, b.size)
+                                              : what < 35 ? nheap_realloc(heap, nullptr, b.size)
+                                                          : nheap_alloc_aligned(heap, b.size, a));
+            ASSERT_TRUE(b.p != nullptr && b.placed()) << "op " << op;
             ASSERT_GE(nheap_msize(heap, b.p), b.size + 16);
-            fill(b);
+            std::memset(b.p, b.tag, b.size);
             live.push_back(b);
-        } else if (what < 75) {
-            std::size_t i = rng() % live.size();
-            ASSERT_TRUE(intact(live[i], live[i].size)) << "op " << op;
-            nheap_free(heap, live[i].p);
-            live[i] = live.back();
-            live.pop_back();
-        } else {
-            std::size_t i = rng() % live.size();
+        } else { // a release, or a resize (to 0: a release too)
             Live& b = live[i];
-            std::uint64_t size = random_size(rng);
-            void* p = b.alignment != 0 ? nheap_realloc_aligned(heap, b.p, size, b.alignment)
-                                       : nheap_realloc(heap, b.p, size);
-            if (size == 0) { // a release
-                ASSERT_EQ(p, nullptr);
+            ASSERT_TRUE(b.intact(b.size)) << "op " << op;
+            const std::uint64_t size = what < 75 ? 0 : random_size(rng);
+            void* p = what < 75       ? (nheap_free(heap, b.p), nullptr)
+                      : b.alignment ? nheap_realloc_aligned(heap, b.p, size, b.alignment)
+                                    : nheap_realloc(heap, b.p, size);
+            ASSERT_EQ(p == nullptr, size == 0) << "op " << op << " size " << size;
+            if (size == 0) {
                 live[i] = live.back();
                 live.pop_back();
-                continue;
+            } else {
+                b.p = static_cast<unsigned char*>(p);
+                ASSERT_TRUE(b.intact(std::min(b.size, size)) && b.placed()) << "op " << op;
+                b.size = size;
+                b.tag = static_cast<unsigned char>(b.tag + 1 + rng() % 255); // stale copies can't pass
+                std::memset(b.p, b.tag, b.size);
             }
-            ASSERT_NE(p, nullptr) << "op " << op << " size " << size;
-            b.p = static_cast<unsigned char*>(p);
-            ASSERT_TRUE(intact(b, std::min(b.size, size))) << "op " << op;
-            if (b.alignment != 0) {
-                ASSERT_EQ(reinterpret_cast<std::uintptr_t>(b.p) % b.alignment, 0u);
-            }
-            b.size = size;
-            b.tag = static_cast<unsigned char>(b.tag + 1 + rng() % 255); // stale copies can't pass
-            fill(b);
         }
-        if (op % check_every == 0) {
+        if (check_every != 0 && op % check_every == 0) {
             ASSERT_TRUE(nheap_check(heap)) << "op " << op;
-            ASSERT_EQ(stat_of(heap).used_block_count, live.size());
+            const nheap_stat s = stat_of(heap);
+            ASSERT_EQ(s.used_block_count, live.size()) << "op " << op;
+            ASSERT_EQ(s.free_byte_count, heap->heap_size - s.gross_used_byte_count) << "op " << op;
+            ASSERT_TRUE(s.min_free_byte_count <= s.free_byte_count && s.max_used_block_count >= s.used_block_count &&
+                        s.max_free_block_count >= s.free_block_count &&
+                        s.max_gross_used_byte_count >= s.gross_used_byte_count) << "op " << op;
         }
     }
-    ASSERT_TRUE(nheap_check(heap));
+    ASSERT_TRUE(check_every == 0 || nheap_check(heap));
     for (Live& b : live) {
-        ASSERT_TRUE(intact(b, b.size));
+        ASSERT_TRUE(b.intact(b.size));
         nheap_free(heap, b.p);
     }
 }
@@ -168,162 +152,99 @@ Bins predicted(const Bins& before, const Bins& after)
 
 TEST(HeapRandom, BinsBehaveAsPlainSortedLists)
 {
-    std::uint64_t seed = seed_for("HeapRandom.Plain");
-    std::mt19937_64 rng(seed);
+    std::mt19937_64 rng(seed_for("HeapRandom.Plain"));
     Heap heap(1 << 20, 0, 0);
     std::vector<void*> live;
-    auto request = [&]() -> std::uint64_t {
-        unsigned kind = rng() % 100;
-        if (kind < 75) // chunk sizes 144..2032, with many repeats
-            return 113 + 16 * (rng() % 120) + rng() % 4;
-        return kind < 90 ? rng() % 113 : 2033 + rng() % 4000;
+    auto request = [&]() -> std::uint64_t { // mostly chunk sizes 144..2032, with many repeats
+        const unsigned kind = rng() % 100;
+        return kind < 75 ? 113 + 16 * (rng() % 120) + rng() % 4 : kind < 90 ? rng() % 113 : 2033 + rng() % 4000;
     };
     for (int op = 0; op < 6000; ++op) {
-        Bins before = snapshot(heap);
+        const Bins before = snapshot(heap);
+        const unsigned what = rng() % 100;
+        const std::size_t i = live.empty() ? 0 : rng() % live.size();
         bool moved = false;
-        unsigned what = rng() % 100;
         if (live.empty() || (what < 50 && live.size() < 500)) {
-            std::uint64_t size = request();
-            std::uint64_t n = std::max<std::uint64_t>(((size + 15) & ~std::uint64_t{15}) + 16, 32);
-            CHUNK_HEAD* expected = plain_fit(before, n);
-            void* p = nheap_alloc(heap, size);
-            ASSERT_NE(p, nullptr) << "op " << op;
-            ASSERT_EQ(chunk_of(p), expected) << "op " << op << " size " << size;
-            live.push_back(p);
+            const std::uint64_t size = request();
+            CHUNK_HEAD* expected = plain_fit(before, std::max<std::uint64_t>(((size + 15) & ~std::uint64_t{15}) + 16, 32));
+            live.push_back(nheap_alloc(heap, size));
+            ASSERT_TRUE(live.back() && chunk_of(live.back()) == expected) << "op " << op << " size " << size;
         } else if (what < 90) {
-            std::size_t i = rng() % live.size();
             nheap_free(heap, live[i]);
             live[i] = live.back();
             live.pop_back();
         } else {
-            std::size_t i = rng() % live.size();
             void* p = nheap_realloc(heap, live[i], request() + 1);
             ASSERT_NE(p, nullptr);
-            moved = p != live[i]; // an allocation and a release: two filings, no single prediction
-            live[i] = p;
+            moved = p != std::exchange(live[i], p); // an allocation and a release: no single prediction
         }
-        Bins after = snapshot(heap);
-        if (!moved) {
-            ASSERT_EQ(after, predicted(before, after)) << "op " << op;
-        }
+        const Bins after = snapshot(heap);
+        ASSERT_TRUE(moved || after == predicted(before, after)) << "op " << op;
         ASSERT_TRUE(nheap_check(heap)) << "op " << op;
     }
 
-    // The walk notices an index that disagrees with the bins: a size marked present that is not,
-    // and a run whose recorded first chunk is its second.
-    ASSERT_LT(std::countr_one(heap->run_sizes[3]), 64);
-    std::uint64_t absent = std::uint64_t{1} << std::countr_one(heap->run_sizes[3]);
-    heap->run_sizes[3] |= absent;
+    // The walk notices an index that disagrees with the bins: a size marked present that is not.
+    const std::uint64_t absent = std::uint64_t{1} << std::countr_one(heap->run_sizes[3]);
+    heap->run_sizes[3] ^= absent;
     EXPECT_FALSE(nheap_check(heap));
-    heap->run_sizes[3] &= ~absent;
-    Bins bins = snapshot(heap);
-    auto same = [](auto& a, auto& b) { return a.second == b.second; };
-    auto has_run = [&](auto& b) { return std::adjacent_find(b.begin(), b.end(), same) != b.end(); };
-    auto& bin = *std::find_if(&bins[13], &bins[13 + 3], has_run); // else bin 3, checked below
-    auto run = std::adjacent_find(bin.begin(), bin.end(), same);
-    ASSERT_NE(run, bin.end());
-    CHUNK_HEAD*& leader = heap->run_leaders[run->second / 16 - 8];
-    leader = run[1].first;
-    EXPECT_FALSE(nheap_check(heap));
-    leader = run->first;
-    EXPECT_TRUE(nheap_check(heap));
+    heap->run_sizes[3] ^= absent;
     for (void* p : live)
         nheap_free(heap, p);
 }
 
 TEST(HeapRandom, LongSequencesKeepTheHeapConsistent)
 {
-    std::uint64_t seed = seed_for("HeapRandom");
+    const std::uint64_t seed = seed_for("HeapRandom");
     Heap heap(0x10000, 0x10000, 0);
     run_sequence(heap, seed, 100000, 1500, 7);
-    if (HasFatalFailure())
-        return;
     // Everything released: only the first area is left, as one free chunk.
-    nheap_stat s = stat_of(heap);
-    EXPECT_EQ(s.used_block_count, 0u);
-    EXPECT_EQ(s.free_block_count, 1u);
-    EXPECT_EQ(heap->heap_size, 0x10000u);
-    EXPECT_EQ(heap->first_heapmem->next, heap->first_heapmem);
-    EXPECT_GE(s.max_used_block_count, 1000u);
+    EXPECT_EQ(settled(heap), (U64s{0, 1, 0x10000}));
+    EXPECT_GE(stat_of(heap).max_used_block_count, 1000u);
     EXPECT_TRUE(nheap_check(heap));
-
     // The same under supervision: ordinary work never reports.
     Heap watched(0x10000, 0x10000, 0);
     nheap_set_assert_cb(watched, capture);
-    reports().clear();
+    reports.clear();
     run_sequence(watched, seed + 1, 8000, 150, 50);
-    EXPECT_EQ(reports(), std::vector<std::string>{});
+    EXPECT_EQ(reports, std::vector<std::string>{});
 }
 
 TEST(HeapThreads, TwoThreadsOnOneHeap)
 {
-    std::uint64_t seed = seed_for("HeapThreads");
+    const std::uint64_t seed = seed_for("HeapThreads");
     Heap heap(0x10000, 0x10000, 0);
-    std::atomic<int> broken{0};
-    auto worker = [&](std::uint64_t s) {
-        std::mt19937_64 rng(s);
-        std::vector<Live> live;
-        for (int op = 0; op < 100000; ++op) {
-            if (live.size() < 400 && (rng() & 1)) {
-                Live b{nullptr, rng() % 300, 0, static_cast<unsigned char>(rng())};
-                b.p = static_cast<unsigned char*>(op % 8 == 0 ? nheap_realloc(heap, nullptr, b.size)
-                                                                : nheap_alloc(heap, b.size));
-                if (b.p == nullptr) {
-                    broken++;
-                    return;
-                }
-                fill(b);
-                live.push_back(b);
-            } else if (!live.empty()) {
-                std::size_t i = rng() % live.size();
-                if (!intact(live[i], live[i].size))
-                    broken++;
-                nheap_free(heap, live[i].p);
-                live[i] = live.back();
-                live.pop_back();
-            }
-        }
-        for (Live& b : live)
-            nheap_free(heap, b.p);
-    };
-    std::thread a(worker, seed), b(worker, seed * 31 + 7);
+    std::thread a(run_sequence, heap.h, seed, 100000, 400, 0), b(run_sequence, heap.h, seed * 31 + 7, 100000, 400, 0);
     a.join();
     b.join();
-    EXPECT_EQ(broken.load(), 0);
     EXPECT_TRUE(nheap_check(heap));
-    nheap_stat s = stat_of(heap);
-    EXPECT_EQ(s.used_block_count, 0u);
-    EXPECT_EQ(s.free_block_count, 1u);
+    EXPECT_EQ(settled(heap), (U64s{0, 1, 0x10000}));
 }
 
 TEST(ProcessHeap, CreatedOnceAndErrnoCases)
 {
-    int& err = *__get_errno_ptr();
     // Racing first calls make one heap: the kernel objects of exactly one heap stay.
     nheap_delete(nheap_create(0x10000, 0, 0)); // the kernel's own first-use objects come now
-    std::uint64_t before = host::kernel::live_object_count();
+    const std::uint64_t before = host::kernel::live_object_count();
     heap_state* probe = nheap_create(0x10000, 0x40000, 0x80000000);
-    std::uint64_t per_heap = host::kernel::live_object_count() - before;
+    const std::uint64_t per_heap = host::kernel::live_object_count() - before;
     nheap_delete(probe);
     ASSERT_EQ(host::kernel::live_object_count(), before);
     void* first[2] = {};
-    std::thread t1([&] { first[0] = orlix::malloc(10); });
-    std::thread t2([&] { first[1] = orlix::malloc(10); });
+    std::thread t1([&] { first[0] = orlix::malloc(10); }), t2([&] { first[1] = orlix::malloc(10); });
     t1.join();
     t2.join();
     ASSERT_TRUE(first[0] != nullptr && first[1] != nullptr);
     EXPECT_EQ(host::kernel::live_object_count() - before, per_heap);
-    orlix::free(first[0]);
-    orlix::free(first[1]);
+    orlix::free(first[0]), orlix::free(first[1]);
 
+    int& err = *__get_errno_ptr();
+    auto expect_errno = [&](void* result, int number, const char* what) {
+        EXPECT_TRUE(result == nullptr && err == number) << what << ": errno " << err;
+        err = 0;
+    };
     void* zero = orlix::malloc(0);
     ASSERT_NE(zero, nullptr);
     EXPECT_EQ(e_msize(zero), 32u);
-    auto expect_errno = [&](void* result, int number, const char* what) {
-        EXPECT_EQ(result, nullptr) << what;
-        EXPECT_EQ(err, number) << what;
-        err = 0;
-    };
     err = 0;
     expect_errno(orlix::realloc(zero, 0), 22, "realloc to 0 releases");
     expect_errno(orlix::malloc(~std::size_t{0} - 4), 22, "malloc whose rounding wraps");
@@ -341,11 +262,6 @@ TEST(ProcessHeap, CreatedOnceAndErrnoCases)
     EXPECT_EQ(std::count(clean, clean + 1000, 0), 1000);
     void* empty = orlix::calloc(0, 8);
     EXPECT_EQ(e_msize(empty), 32u);
-    auto* grown = static_cast<unsigned char*>(orlix::realloc(clean, 100000));
-    ASSERT_NE(grown, nullptr);
-    EXPECT_EQ(grown[999], 0);
-    expect_errno(orlix::realloc(grown, ~std::size_t{0} - 4), 22, "realloc that can't");
-    orlix::free(grown);
-    orlix::free(empty);
-    orlix::free(nullptr);
+    expect_errno(orlix::realloc(clean, ~std::size_t{0} - 4), 22, "realloc that can't");
+    orlix::free(clean), orlix::free(empty), orlix::free(nullptr);
 }
