@@ -413,6 +413,21 @@ void store_free_chunk(heap_state* heap, CHUNK_HEAD* free_chunk)
 // ---------------------------------------------------------------------------------------------
 // Allocation and release
 
+namespace {
+
+// Makes chunk a reserved chunk of n bytes and files the r bytes behind it as a free chunk.
+void keep_and_file_rest(heap_state* heap, CHUNK_HEAD* chunk, std::uint64_t n, std::uint64_t r)
+{
+    CHUNK_HEAD* rest = at(chunk, n);
+    rest->prev_size = n;
+    rest->chunk_size = r;
+    at(rest, r)->prev_size = r;
+    chunk->chunk_size = n | CF_RESERVED;
+    store_free_chunk(heap, rest);
+}
+
+} // namespace
+
 void* split_and_reserve(heap_state* heap, CHUNK_HEAD* free_chunk, std::uint64_t needed)
 {
     if (heap->assert_cb != nullptr) [[unlikely]] {
@@ -426,12 +441,7 @@ void* split_and_reserve(heap_state* heap, CHUNK_HEAD* free_chunk, std::uint64_t 
     std::uint64_t size = chunk_size(free_chunk);
     std::uint64_t r = size - needed;
     if (r >= MIN_SMALL_BIN_SIZE) {
-        CHUNK_HEAD* rest = at(free_chunk, needed);
-        rest->prev_size = needed;
-        rest->chunk_size = r;
-        at(rest, r)->prev_size = r;
-        free_chunk->chunk_size = needed | CF_RESERVED;
-        store_free_chunk(heap, rest);
+        keep_and_file_rest(heap, free_chunk, needed, r);
         heap->stat.gross_used_byte_count += needed;
     } else {
         free_chunk->chunk_size |= CF_RESERVED;
@@ -573,12 +583,7 @@ Resize resize_in_place(heap_state* heap, CHUNK_HEAD* chunk, std::uint64_t n, CHU
         std::uint64_t next_size = chunk_size(next);
         std::uint64_t r = next_size - grow_by;
         if (r >= MIN_SMALL_BIN_SIZE) {
-            CHUNK_HEAD* rest = at(chunk, n);
-            rest->prev_size = n;
-            rest->chunk_size = r;
-            at(rest, r)->prev_size = r;
-            chunk->chunk_size = n | CF_RESERVED;
-            store_free_chunk(heap, rest);
+            keep_and_file_rest(heap, chunk, n, r);
             heap->stat.gross_used_byte_count += grow_by;
         } else {
             std::uint64_t size = old + next_size;
@@ -596,12 +601,7 @@ Resize resize_in_place(heap_state* heap, CHUNK_HEAD* chunk, std::uint64_t n, CHU
             heap->stat.gross_used_byte_count -= HEAD_SIZE;
             heap->stat.free_block_count -= 1;
         }
-        chunk->chunk_size = n | CF_RESERVED;
-        CHUNK_HEAD* rest = at(chunk, n);
-        rest->prev_size = n;
-        rest->chunk_size = r;
-        at(rest, r)->prev_size = r;
-        store_free_chunk(heap, rest);
+        keep_and_file_rest(heap, chunk, n, r);
     } else {
         return Resize::done; // a shrink by one step of 16 at most keeps the chunk whole
     }
