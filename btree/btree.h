@@ -1,6 +1,6 @@
 // btree: an ordered map of fixed-size keys and values, a B+ tree of fan-out 16 whose levels are
 // doubly linked lists. System code: depends on nothing but memcpy/memmove and, for the default
-// hooks, the process heap (runtime/malloc.h).
+// hooks, which the runtime provides over the process heap.
 #pragma once
 
 #include <cstddef>

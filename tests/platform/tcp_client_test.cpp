@@ -9,7 +9,7 @@
 
 #include "fake_device.h"
 #include "platform/device_client.h"
-#include "platform/tcp_client.h"
+#include "runtime/tcp_client.h"
 #include "platform/tcp_wire.h"
 
 // The system's errno macro can't meet the host's here; reach the thread's number directly.

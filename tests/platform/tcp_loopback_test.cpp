@@ -12,7 +12,7 @@
 #include "host/kernel/host_kernel.h"
 #include "platform/device_client.h"
 #include "platform/kernel_wrappers.h"
-#include "platform/tcp_client.h"
+#include "runtime/tcp_client.h"
 #include "tests/devices/tcp_test_util.h"
 
 using namespace orlix;

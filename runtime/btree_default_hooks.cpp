@@ -1,5 +1,5 @@
-// btree: the default allocation hooks, over the process heap. Kept apart so that a program that
-// brings its own hooks does not pull the process heap in. System code.
+// The B+ tree's default allocation hooks, over the process heap. In the runtime because the
+// tree itself depends on nothing above memory functions. System code.
 #include "btree/btree.h"
 
 #include "runtime/malloc.h"

@@ -1,6 +1,6 @@
 // The TCP device client over the device's shared channel: one request, one parameter area and
 // one lock for the whole process. Touches the shared channel, errno and the request operations.
-#include "platform/tcp_client.h"
+#include "runtime/tcp_client.h"
 
 #include <cstring>
 
