@@ -5,6 +5,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "platform/error_numbers.h"
+
 namespace orlix {
 
 // The 16-byte IPv4 socket address: family in host order, port and address in network order.
@@ -146,7 +148,5 @@ inline constexpr std::uint32_t TCP_STATUS_IN_PROGRESS = 0xe0050050;
 inline constexpr std::uint32_t TCP_STATUS_OVERFLOW = 0xe0050051;
 inline constexpr std::uint32_t TCP_STATUS_TOO_MANY_FILES = 0xe0050052;
 inline constexpr std::uint32_t TCP_STATUS_NOT_SUPPORTED = 0xe0050054;
-// Any status with the top byte 0xbe carries an error number in its low 24 bits.
-inline constexpr std::uint32_t STATUS_ERRNO_BASE = 0xbe000000;
 
 } // namespace orlix

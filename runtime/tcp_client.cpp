@@ -140,7 +140,7 @@ int __libci_tcpip_translate_error(std::uint32_t status)
         if (row.status == status)
             return row.number;
     }
-    if ((status & 0xff000000) == STATUS_ERRNO_BASE)
+    if ((status & 0xff000000) == STATUS_CARRIES_ERRNO)
         return static_cast<int>(status & 0x00ffffff);
     return ERROR_CANCELED;
 }

@@ -24,7 +24,7 @@ namespace {
 // the platform's own error number carried in a 0xbe status.
 std::uint32_t status_of_errno(int e)
 {
-    auto carried = [](std::uint32_t n) { return orlix::STATUS_ERRNO_BASE | n; };
+    auto carried = [](std::uint32_t n) { return orlix::STATUS_CARRIES_ERRNO | n; };
     switch (e) {
     case EAFNOSUPPORT: return orlix::TCP_STATUS_NO_FAMILY;
     case EPROTONOSUPPORT: return orlix::TCP_STATUS_NO_PROTOCOL;
@@ -64,7 +64,7 @@ std::uint32_t status_of_errno(int e)
     }
 }
 
-constexpr std::uint32_t STATUS_PIPE = orlix::STATUS_ERRNO_BASE | 5;
+constexpr std::uint32_t STATUS_PIPE = orlix::STATUS_CARRIES_ERRNO | 5;
 
 constexpr std::size_t CHUNK_SIZE = std::size_t{64} << 10;
 constexpr std::size_t SEND_LIMIT = std::size_t{512} << 10;       // buffered bytes before sends wait
