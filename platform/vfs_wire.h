@@ -290,7 +290,7 @@ static_assert(offsetof(VfsFdcntlParams, result) == 12);
 
 struct VfsReclockParams {
     std::int32_t fd;
-    std::uint32_t code;   // 1 test, 2 set without waiting, 3 set and wait
+    std::uint32_t code;   // 1 test, 2 set and wait, 3 set without waiting
     std::uint32_t type;   // 0 unlock, 1 read, 2 write (the device's own order)
     std::uint32_t whence;
     std::int64_t start;

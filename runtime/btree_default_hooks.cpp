@@ -2,7 +2,7 @@
 // tree itself depends on nothing above memory functions. System code.
 #include "btree/btree.h"
 
-#include "runtime/malloc.h"
+#include "runtime/heap.h"
 
 namespace orlix {
 

@@ -1,15 +1,14 @@
-// Stand-in until threads have their own records: the error number lives in the host thread's
-// local storage.
+// errno lives in the calling thread's record. System code.
 #include "runtime/errno.h"
+
+#include "runtime/thread.h"
 
 namespace orlix {
 
-namespace {
-constinit thread_local int thread_errno = 0;
-}
+int* __get_errno_ptr() { return &__pthread_self()->errno_value; }
 
-int* __get_errno_ptr() { return &thread_errno; }
+void __libci_set_errno(int value) { errno = value; }
 
-void __libci_set_errno(int value) { thread_errno = value; }
+void __libci_omit_errno() {}
 
 } // namespace orlix

@@ -3,7 +3,7 @@
 
 #include <cstring>
 
-#include "runtime/malloc.h"
+#include "runtime/heap.h"
 
 namespace orlix {
 

@@ -9,6 +9,10 @@
 
 namespace orlix {
 
+// The process's TCP device ("TCPIP_DEVICE_NAME", else "tcpip"), opened on first use and told to
+// take over the parent's sockets; a device that can't be opened ends the process.
+Device* GetTCPDev();
+
 // The error number for a TCP device status (0xbennnnnn carries the number in its low 24 bits;
 // anything unknown is 35, "Operation canceled"). td_trans_ec is the same function.
 int __libci_tcpip_translate_error(std::uint32_t status);

@@ -1,10 +1,9 @@
 // The supervisor: a kernel port that hears of the task's start, its exit status and, through a
-// watch object, its end. A host thread records what arrives; the loader waits on that record.
-// Host code.
+// watch object, its end. Its messages are recorded in the sender's thread, before the send
+// returns, so the status of a task is known before the task's deletion; the loader waits on that
+// record. Host code.
 #include <condition_variable>
-#include <future>
 #include <mutex>
-#include <thread>
 
 #include "host/devices/devices.h"
 #include "host/kernel/host_kernel.h"
@@ -27,35 +26,27 @@ SupervisorState& state()
     return *s;
 }
 
-void listen(orlix::Handle port)
+void record_message(const orlix::Message& m)
 {
     SupervisorState& s = state();
-    for (;;) {
-        orlix::Message m{};
-        orlix::Status status = orlix::_SL_RecvMsgPtr(port, &m, orlix::WAIT_FOREVER);
-        if (status == orlix::STATUS_REPEAT)
-            continue;
-        if (status != orlix::STATUS_DONE)
-            return; // the port is gone
-        std::lock_guard g(s.lock);
-        switch (m.type) {
-        case orlix::MSG_SUPERVISOR_STARTED:
-            s.record.started = true;
-            break;
-        case orlix::MSG_SUPERVISOR_EXIT:
-            if (!s.record.exit_reported) {
-                s.record.exit_reported = true;
-                s.record.exit_status = m.word2;
-            }
-            break;
-        case host::kernel::MSG_WATCH_TASK_ENDED:
-            s.record.ended = true;
-            break;
-        default:
-            continue;
+    std::lock_guard g(s.lock);
+    switch (m.type) {
+    case orlix::MSG_SUPERVISOR_STARTED:
+        s.record.started = true;
+        break;
+    case orlix::MSG_SUPERVISOR_EXIT:
+        if (!s.record.exit_reported) {
+            s.record.exit_reported = true;
+            s.record.exit_status = m.word2;
         }
-        s.changed.notify_all();
+        break;
+    case host::kernel::MSG_WATCH_TASK_ENDED:
+        s.record.ended = true;
+        break;
+    default:
+        return;
     }
+    s.changed.notify_all();
 }
 
 } // namespace
@@ -64,14 +55,7 @@ void listen(orlix::Handle port)
 orlix::Handle start_supervisor()
 {
     SupervisorState& s = state();
-    s.port = orlix::_SL_CreateMsgPort(0, 0);
-    std::promise<void> started;
-    std::thread([&started, port = s.port] {
-        orlix::_SL_GetState(orlix::STATE_THREAD); // a kernel thread from here on
-        started.set_value();
-        listen(port);
-    }).detach();
-    started.get_future().wait();
+    s.port = host::kernel::create_service_port(record_message);
     return s.port;
 }
 

@@ -1,6 +1,5 @@
 // nheap under long seeded random sequences (integrity walk, statistics, contents of live blocks,
-// areas coming and going, bins against plain sorted lists), two threads on one heap, and the
-// process heap's allocation functions.
+// areas coming and going, bins against plain sorted lists) and two threads on one heap.
 #include <algorithm>
 #include <bit>
 #include <cstdio>
@@ -11,13 +10,6 @@
 #include <utility>
 
 #include "heap_test_util.h"
-#include "host/kernel/host_kernel.h"
-#include "runtime/malloc.h"
-
-// The system's errno macro can't meet the host's here; reach the thread's number directly.
-namespace orlix {
-int* __get_errno_ptr();
-}
 
 using namespace orlix;
 using namespace heap_test;
@@ -218,50 +210,4 @@ TEST(HeapThreads, TwoThreadsOnOneHeap)
     b.join();
     EXPECT_TRUE(nheap_check(heap));
     EXPECT_EQ(settled(heap), (U64s{0, 1, 0x10000}));
-}
-
-TEST(ProcessHeap, CreatedOnceAndErrnoCases)
-{
-    // Racing first calls make one heap: the kernel objects of exactly one heap stay.
-    nheap_delete(nheap_create(0x10000, 0, 0)); // the kernel's own first-use objects come now
-    const std::uint64_t before = host::kernel::live_object_count();
-    heap_state* probe = nheap_create(0x10000, 0x40000, 0x80000000);
-    const std::uint64_t per_heap = host::kernel::live_object_count() - before;
-    nheap_delete(probe);
-    ASSERT_EQ(host::kernel::live_object_count(), before);
-    void* first[2] = {};
-    std::thread t1([&] { first[0] = orlix::malloc(10); }), t2([&] { first[1] = orlix::malloc(10); });
-    t1.join();
-    t2.join();
-    ASSERT_TRUE(first[0] != nullptr && first[1] != nullptr);
-    EXPECT_EQ(host::kernel::live_object_count() - before, per_heap);
-    orlix::free(first[0]), orlix::free(first[1]);
-
-    int& err = *__get_errno_ptr();
-    auto expect_errno = [&](void* result, int number, const char* what) {
-        EXPECT_TRUE(result == nullptr && err == number) << what << ": errno " << err;
-        err = 0;
-    };
-    void* zero = orlix::malloc(0);
-    ASSERT_NE(zero, nullptr);
-    EXPECT_EQ(e_msize(zero), 32u);
-    err = 0;
-    expect_errno(orlix::realloc(zero, 0), 22, "realloc to 0 releases");
-    expect_errno(orlix::malloc(~std::size_t{0} - 4), 22, "malloc whose rounding wraps");
-    expect_errno(orlix::malloc(std::size_t{1} << 40), 22, "malloc beyond the 2 GiB limit");
-    expect_errno(orlix::calloc(std::size_t{1} << 33, std::size_t{1} << 31), 11, "calloc overflow");
-    expect_errno(orlix::calloc(5, 0), 11, "calloc of size 0");
-    expect_errno(orlix::calloc(std::size_t{1} << 20, 4096), 22, "calloc of 4 GiB");
-
-    // calloc clears what an earlier block left behind; a count of 0 is a zero-byte block.
-    auto* dirty = static_cast<unsigned char*>(orlix::malloc(1000));
-    std::memset(dirty, 0xee, 1000);
-    orlix::free(dirty);
-    auto* clean = static_cast<unsigned char*>(orlix::calloc(10, 100));
-    ASSERT_EQ(clean, dirty);
-    EXPECT_EQ(std::count(clean, clean + 1000, 0), 1000);
-    void* empty = orlix::calloc(0, 8);
-    EXPECT_EQ(e_msize(empty), 32u);
-    expect_errno(orlix::realloc(clean, ~std::size_t{0} - 4), 22, "realloc that can't");
-    orlix::free(clean), orlix::free(empty), orlix::free(nullptr);
 }

@@ -13,7 +13,7 @@
 #include "platform/error_numbers.h"
 #include "runtime/devnum.h"
 #include "runtime/inet.h"
-#include "runtime/malloc.h"
+#include "runtime/heap.h"
 #include "runtime/stream_mode.h"
 #include "runtime/string.h"
 #include "runtime/time.h"
