@@ -103,15 +103,4 @@ void crt_startup4(StartRecord* record, int* argc, char*** argv, char*** envp)
     errno = 0;
 }
 
-void _start(void* raw)
-{
-    auto* record = static_cast<StartRecord*>(raw);
-    int argc = 0;
-    char** argv = nullptr;
-    char** envp = nullptr;
-    crt_startup4(record, &argc, &argv, &envp);
-    crt_cleanup(main(argc, argv, envp));
-    record->exit_function();
-}
-
 } // namespace orlix
