@@ -90,6 +90,9 @@ void __pthread_unlink(ThreadRecord* record, int free_now)
     list_init(&record->waiters);
     _SL_DeleteObject(record->exit_event, DELETE_OBJECT);
     _SL_DeleteObject(record->wait_event, DELETE_OBJECT);
+    // The record's lock is the thread's too: a server that ends a thread per session must not
+    // leave a semaphore behind each time.
+    MutexDestroy(&record->record_lock);
     __pthread_free_io(record);
     if (free_now) {
         release_memory(record->stack_memo, record->stack_reservation);

@@ -149,8 +149,18 @@ bool Object::kill()
     return true;
 }
 
+namespace {
+// Tests make the n-th next handle fail, to walk the failure paths of whoever asked for it.
+std::atomic<std::uint64_t> failure_countdown{0};
+} // namespace
+
+void fail_object_after(std::uint64_t n) { failure_countdown.store(n, std::memory_order_relaxed); }
+
 orlix::Handle register_handle(const ObjectRef& object, std::uint64_t flags)
 {
+    if (failure_countdown.load(std::memory_order_relaxed) != 0 &&
+        failure_countdown.fetch_sub(1, std::memory_order_relaxed) == 1)
+        return orlix::INVALID_HANDLE;
     std::uint32_t index;
     if (!take_slot(&index))
         return orlix::INVALID_HANDLE;

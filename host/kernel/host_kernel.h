@@ -35,4 +35,8 @@ inline constexpr std::uint64_t MSG_WATCH_TASK_ENDED = 0xd0030003;
 // Number of live kernel objects: tests use it to prove that nothing leaks.
 std::uint64_t live_object_count();
 
+// Makes the n-th handle given out from now on fail (1: the next one), as if the kernel had no
+// room: tests walk failure paths with it. 0 stops it.
+void fail_object_after(std::uint64_t n);
+
 } // namespace host::kernel
