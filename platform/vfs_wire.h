@@ -41,6 +41,8 @@ inline constexpr std::uint32_t VFS_RECLOCK = 0xc0040064;
 inline constexpr std::int32_t VFS_AT_CWD = -100;
 // Flag of VFS_STAT: do not follow a final symbolic link.
 inline constexpr std::uint32_t VFS_STAT_NOFOLLOW = 256;
+// Flag of VFS_UNLINK: remove a directory, as VFS_RMDIR does.
+inline constexpr std::uint32_t VFS_UNLINK_REMOVEDIR = 512;
 
 // Open flags, sent unchanged.
 inline constexpr std::uint32_t OPEN_APPEND = 1;

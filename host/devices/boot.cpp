@@ -1,10 +1,12 @@
 // Starting the device services once and the host's view of them: the singletons of Registry,
-// tcpip and syslog, the published registry and supervisor ports, the device names. Host code.
+// tcpip, vfs, sysvc and syslog, the published registry and supervisor ports, the device names. Host code.
 #include <mutex>
 
 #include "host/devices/devices.h"
 #include "host/devices/services.h"
+#include "host/devices/sysvc.h"
 #include "host/devices/tcpip.h"
+#include "host/devices/vfs.h"
 #include "host/kernel/host_kernel.h"
 
 namespace host::devices {
@@ -17,6 +19,8 @@ namespace {
 struct Devices {
     Registry* registry = nullptr;
     Tcpip* tcpip = nullptr;
+    Vfs* vfs = nullptr;
+    Sysvc* sysvc = nullptr;
     Syslog* syslog = nullptr;
 };
 
@@ -36,16 +40,22 @@ void boot()
         Devices& d = devices();
         d.registry = new Registry;
         d.tcpip = new Tcpip;
+        d.vfs = new Vfs;
+        d.sysvc = new Sysvc;
         d.syslog = new Syslog;
         host::kernel::set_state(orlix::STATE_REGISTRY_PORT, d.registry->port());
         host::kernel::set_state(orlix::STATE_SUPERVISOR_PORT, start_supervisor());
         register_device("tcpip", d.tcpip->port());
+        register_device("vfs", d.vfs->port());
+        register_device("sysvc", d.sysvc->port());
         register_device("syslog", d.syslog->port());
     });
 }
 
 orlix::Handle registry_port() { return devices().registry->port(); }
 orlix::Handle tcpip_port() { return devices().tcpip->port(); }
+orlix::Handle vfs_port() { return devices().vfs->port(); }
+orlix::Handle sysvc_port() { return devices().sysvc->port(); }
 orlix::Handle syslog_port() { return devices().syslog->port(); }
 
 void register_device(const std::string& name, orlix::Handle port)

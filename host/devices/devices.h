@@ -17,15 +17,20 @@ namespace host::devices {
 inline constexpr std::size_t REGISTRY_SHARED_AREA = 4096;
 inline constexpr std::size_t TCPIP_SHARED_AREA = 4096 + 56; // one 4096-byte piece behind a send block
 inline constexpr std::size_t SYSLOG_SHARED_AREA = 1024;
+// sysvc's commands come on per-thread blocks; its shared area holds one of its parameter blocks.
+inline constexpr std::size_t SYSVC_SHARED_AREA = 40;
+// (vfs: orlix::VFS_SHARED_AREA, the largest command the runtime sends.)
 
-// Starts the registry, tcpip, syslog and the supervisor once, publishes the registry and
-// supervisor ports (_SL_GetState 9 and 10) and registers "run/dev/tcpip" and "run/dev/syslog".
-// Later calls do nothing.
+// Starts the registry, tcpip, vfs, sysvc, syslog and the supervisor once, publishes the registry
+// and supervisor ports (_SL_GetState 9 and 10) and registers "run/dev/tcpip", "run/dev/vfs",
+// "run/dev/sysvc" and "run/dev/syslog". Later calls do nothing.
 void boot();
 
 // Service ports of the devices (valid after boot).
 orlix::Handle registry_port();
 orlix::Handle tcpip_port();
+orlix::Handle vfs_port();
+orlix::Handle sysvc_port();
 orlix::Handle syslog_port();
 
 // Makes a device known by name: "run/dev/NAME" maps to its service port.
