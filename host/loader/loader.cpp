@@ -98,6 +98,10 @@ void forward_signals(sigset_t set, orlix::Handle first_thread)
 
 int run(int argc, char** argv)
 {
+    // An ignored signal is dropped even while blocked: a shell that started us in the background
+    // may have had SIGINT ignored.
+    ::signal(SIGINT, SIG_DFL);
+    ::signal(SIGTERM, SIG_DFL);
     sigset_t set;
     sigemptyset(&set);
     sigaddset(&set, SIGINT);

@@ -1,8 +1,6 @@
-// The runtime's process and thread records for GoogleTest programs, and the environment that
-// attaches the main thread before any test runs. Test code.
+// The runtime's process and thread records for test and benchmark programs that run system code
+// without the loader. Test code.
 #include "tests/support/process.h"
-
-#include <gtest/gtest.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -34,13 +32,6 @@ ThreadRecord* new_record()
     record->stack_memo = memo;
     return record;
 }
-
-class ProcessEnvironment : public ::testing::Environment {
-public:
-    void SetUp() override { attach_thread(); }
-};
-
-[[maybe_unused]] auto* const environment = ::testing::AddGlobalTestEnvironment(new ProcessEnvironment);
 
 } // namespace
 

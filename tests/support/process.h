@@ -1,4 +1,4 @@
-// For GoogleTest programs that call into the runtime without a loader: the process gets its
+// For test and benchmark programs that call into the runtime without a loader: the process gets its
 // context once, and each thread that calls system code gets a record, as the start-up and
 // pthread_create would give them. Test code.
 #pragma once
