@@ -78,6 +78,7 @@ class Server:
         argv = [FTPD, self.root if root_arg is None else root_arg,
                 *(a.replace("{port}", str(self.port)) for a in args)]
         self.log_path = os.path.join(self.tmp, "stderr")
+        self.final_log = None
         with open(self.log_path, "wb") as log:
             self.proc = subprocess.Popen(argv, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
                                          stderr=log, cwd=self.tmp, env=env, umask=0o022)
@@ -105,6 +106,9 @@ class Server:
         ctl.close()
 
     def log(self):
+        """The standard error so far; after stop, all of it."""
+        if self.final_log is not None:
+            return self.final_log
         with open(self.log_path, "rb") as f:
             return f.read().decode(errors="replace")
 
@@ -131,6 +135,7 @@ class Server:
             self.proc.kill()
             self.proc.wait()
             status = "no end within the bound after SIGTERM"
+        self.final_log = self.log()
         for top, dirs, _ in os.walk(self.tmp):
             for d in dirs:
                 if not os.path.islink(os.path.join(top, d)):
@@ -235,7 +240,7 @@ class Control:
         return lines
 
     def expect_eof(self):
-        """The server closes the connection, with no further bytes."""
+        """The server closes the connection, with no further bytes; ours is closed then too."""
         deadline = time.monotonic() + WAIT
         while True:
             try:
@@ -249,6 +254,7 @@ class Control:
             self.buf += chunk
             if time.monotonic() > deadline:
                 raise AssertionError(f"connection still sending after {self.last!r}")
+        self.sock.close()
         if self.buf:
             raise AssertionError(f"bytes before the close: {self.buf!r}")
 
@@ -265,10 +271,14 @@ class Control:
     def quit(self):
         self.expect("QUIT", b"221 Goodbye.\r\n")
         self.expect_eof()
-        self.close()
 
     def close(self):
         self.sock.close()
+
+
+def read(path):
+    with open(path, "rb") as f:
+        return f.read()
 
 
 def recv_all(sock):

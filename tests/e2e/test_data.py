@@ -150,8 +150,8 @@ class Preparation(ServerCase):
         ctl = self.server.session("rw", "pw")
         data = Data(ctl, "pasv")
         intruder = socket.create_connection(data.address, timeout=WAIT)
-        ctl.send("RETR f\r\n")
         with data.connect() as ours:
+            ctl.send("RETR f\r\n")
             self.assertEqual(ctl.line(), opening("ASCII", "RETR"))
             self.assertEqual(harness.recv_all(intruder), b"file f\n")
             self.assertEqual(ctl.line(), R226)
@@ -244,7 +244,7 @@ class Transfers(ServerCase):
             try:
                 sock.sendall(payload(1 << 16))
                 sock.shutdown(socket.SHUT_WR)
-            except (BrokenPipeError, ConnectionResetError):
+            except OSError:  # the server may have closed already: it stops at the first failed write
                 pass
             self.assertEqual(ctl.line(), R426)
         ctl.expect("NOOP", b"200 NOOP command successful\r\n")

@@ -5,7 +5,7 @@ path, and the specified risks of the confinement (a sibling whose name extends R
 import os
 
 import harness
-from harness import DaemonCase, ServerCase, fetch, store
+from harness import DaemonCase, ServerCase, fetch, store, read
 
 R250 = {word: f"250 {word} command successful\r\n".encode() for word in ("CWD", "CDUP", "DELE", "MKD", "RMD", "RNTO")}
 R350 = b"350 File or directory exists, ready for destination name\r\n"
@@ -101,7 +101,7 @@ class Paths(ServerCase):
         ctl.expect("SIZE ../rootsibling/f", b"213 7\r\n")
         self.assertEqual(fetch(ctl, "RETR ../rootsibling/f")[1], b"sibling")
         self.assertEqual(store(ctl, "../rootsibling/new", b"written")[1], R226)
-        self.assertEqual(open(os.path.join(self.server.tmp, "rootsibling", "new"), "rb").read(), b"written")
+        self.assertEqual(read(os.path.join(self.server.tmp, "rootsibling", "new")), b"written")
         # A link in last position is followed, also out of ROOT; one in the directory part is not.
         ctl.expect("SIZE leak", b"213 7\r\n")
         self.assertEqual(fetch(ctl, "RETR leak")[1], b"secret!")

@@ -6,7 +6,7 @@ import os
 import time
 
 import harness
-from harness import PASV_REPLY, ServerCase
+from harness import PASV_REPLY, ServerCase, read
 
 R332 = b"332 Need account for login.\r\n"
 R350 = b"350 File or directory exists, ready for destination name\r\n"
@@ -140,7 +140,7 @@ class CommandTable(ServerCase):
         ctl.expect("RNTO", R501)
         ctl.expect("RNTO    ", R501)
         ctl.expect("RNTO r2", b"250 RNTO command successful\r\n")
-        self.assertEqual(open(self.server.path("r2"), "rb").read(), b"R")
+        self.assertEqual(read(self.server.path("r2")), b"R")
         ctl.expect("RNFR r2", R350)
         ctl.expect("XYZZY", R502)
         ctl.expect("RNTO rdir/r3", b"250 RNTO command successful\r\n")

@@ -99,8 +99,7 @@ class Options(Servers):
         ctl = server.connect()
         ctl.expect("USER bob", b"430 Invalid username or password\r\n")
         ctl.expect_eof()
-        server = self.start(["-p", "{port}", "-I", "eth9", "-S", "missing", "dave,rw,pw"],
-                            files={"users": b"alice,rw,secret\nbob,ro,pw"})
+        server = self.start(["-p", "{port}", "-I", "eth9", "-S", "missing", "dave,rw,pw"])
         server.session("dave", "pw").quit()
         ctl = server.connect()
         ctl.expect("USER alice", b"430 Invalid username or password\r\n")
@@ -109,6 +108,7 @@ class Options(Servers):
         server.session("alice", "secret").quit()
         ctl = server.connect()
         ctl.expect("USER bob", b"430 Invalid username or password\r\n")
+        ctl.expect_eof()
 
     def test_an_option_takes_the_next_argument_whatever_it_is(self):
         # -T takes "-L" as its value, so "-p PORT" is still read as an option.
@@ -146,6 +146,7 @@ class Options(Servers):
             ctl = self.start(["-T", value, "-p", "{port}"]).connect()
             time.sleep(1.2)
             ctl.expect("NOOP", b"200 NOOP command successful\r\n")
+            ctl.quit()
 
 
 class Root(Servers):
