@@ -91,6 +91,8 @@ class Preparation(ServerCase):
             with self.subTest(line=line):
                 ctl.expect(line, reply)
                 ctl.expect("RETR f", R503)
+        ctl.expect("PORT 300,1,1,1,1,1", b"200 PORT command successful\r\n")  # 44.1.1.1, never connected
+        ctl.expect("XYZZY", R502)
         # Each number keeps its low 8 bits, tokens behind the sixth are ignored, a token that is no
         # number is 0 (and 0.0.0.0 reaches this host), and any address is taken.
         for template, host in (("PORT 127,0,0,1,{hi},{lo},99", "127.0.0.1"),
@@ -232,6 +234,20 @@ class Transfers(ServerCase):
         self.assertEqual(fetch(ctl, "RETR sub"), (opening("ASCII", "RETR"), b"", R426))
         self.assertEqual(store(ctl, "old", b""), (opening("ASCII", "STOR"), R226))
         self.assertEqual(os.path.getsize(self.server.path("old")), 0)
+        ctl.quit()
+
+    def test_a_reader_that_drops_the_data_connection_gets_426(self):
+        content = payload(16 << 20, 2)
+        self.server.write("drop", content)
+        ctl = self.server.session("joe")
+        data = Data(ctl, "pasv")
+        ctl.send("RETR drop\r\n")
+        sock = data.connect()
+        self.assertEqual(ctl.line(), opening("ASCII", "RETR"))
+        self.assertEqual(sock.recv(4096)[:4], content[:4])
+        abort(sock)
+        self.assertEqual(ctl.line(), R426)
+        ctl.expect("RETR drop", R503)
         ctl.quit()
 
     def test_stor_to_a_full_file_system(self):

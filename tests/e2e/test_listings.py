@@ -20,6 +20,24 @@ MLSD_TYPES = {0x8000: "file", 0x4000: "dir", 0x2000: "OS.unix=char", 0x6000: "OS
               0x1000: "OS.unix=fifo", 0xc000: "OS.unix=socket"}
 R226 = b"226 Transfer complete\r\n"
 NOTES_LIST = b"-rw-r--r-- 1 1000     100                 5120 Mar  7 2026 notes.txt\r\n"
+# Lines written out by hand as a check on the generators below; they take the files to be root's.
+PINNED_LIST = [NOTES_LIST,
+               b"crw-rw-rw- 1 0        0              1,      3 Jan  1 1970 null\r\n",
+               b"brw-rw---- 1 0        0            259,1048575 Jan 15 2026 blk\r\n",
+               b"-rw-r--r-- 1 4294967294 4294967294               0 Mar  5 2025 nobody\r\n",
+               b"-rwxr-xr-x 1 0        0                      0 Jan 15 2026 setid\r\n",
+               b"-rw-r--r-- 1 0        0        1000000000000000 Jan 15 2026 huge\r\n",
+               b"-rw-r--r-- 1 0        0                      0 Jan  1 12000 far\r\n"]
+PINNED_MLSD = [rb"Type=file;Modify=20260115120000\.999;(Create=[0-9.]+;)?Perm=wdfr;Size=0; ms999\r\n",
+               rb"Type=file;Modify=20260115120000\.001;(Create=[0-9.]+;)?Perm=wdfr;Size=0; ms1\r\n",
+               rb"Type=file;Modify=20260115120000;(Create=[0-9.]+;)?Perm=wdfr;Size=0; ns999999\r\n",
+               rb"Type=file;Modify=20000101000000;(Create=[0-9.]+;)?Perm=wdfr;Size=0; far\r\n",
+               rb"Type=file;Modify=19691222000000;(Create=[0-9.]+;)?Perm=wdfr;Size=0; old\r\n",
+               rb"Type=file;Modify=[0-9.]+;(Create=[0-9.]+;)?Perm=wdf;Size=0; writeonly\r\n",
+               rb"Type=file;Modify=[0-9.]+;(Create=[0-9.]+;)?Perm=r;Size=0; readonly\r\n",
+               rb"Type=dir;Modify=[0-9.]+;(Create=[0-9.]+;)?Perm=cmpdf;Size=[0-9]+; shut\r\n",
+               rb"Type=OS\.unix=char;Modify=19700101000000;(Create=[0-9.]+;)?Perm=df;Size=0; null\r\n",
+               rb"Type=OS\.unix=fifo;Modify=[0-9.]+;(Create=[0-9.]+;)?Perm=df;Size=0; fifo\r\n"]
 
 
 def opening(command, word="ASCII"):
@@ -157,21 +175,28 @@ def make_entries(folder):
         if mtime is not None:
             os.utime(path, ns=(mtime, mtime))
 
+    def node(name, mode, device, mtime):
+        path = os.path.join(folder, name)
+        os.mknod(path, mode, device)
+        os.chmod(path, mode & 0o7777)
+        os.utime(path, ns=(mtime, mtime))
+
     base = at(2026, 1, 15, 12)
     steps = [
         lambda: file("notes.txt", mtime=at(2026, 3, 7, 9, 30), size=5120, owner=(1000, 100)),
         lambda: file("plain"), lambda: file("ms999", mtime=base + 999_000_000),
         lambda: file("ms1", mtime=base + 1_000_000), lambda: file("ns999999", mtime=base + 999_999),
         lambda: file("day5", mtime=at(2025, 3, 5, 23, 59, 59)), lambda: file("old", mtime=-10 * 86400 * 10**9),
-        lambda: file("far", mtime=at(12000, 1, 1)), lambda: file("huge", size=10**15),
-        lambda: file("nobody", owner=(65534, 65534)), lambda: file("wide", owner=(70000, 100000)),
-        lambda: file("setid", 0o7755), lambda: file("writeonly", 0o200), lambda: file("readonly", 0o444),
+        lambda: file("far", mtime=at(12000, 1, 1)), lambda: file("huge", mtime=base, size=10**15),
+        lambda: file("nobody", mtime=at(2025, 3, 5), owner=(65534, 65534)),
+        lambda: file("wide", owner=(70000, 100000)), lambda: file("setid", 0o7755, mtime=base),
+        lambda: file("writeonly", 0o200), lambda: file("readonly", 0o444),
         lambda: file(".hidden"), lambda: file("two  blanks "),
         lambda: os.mkdir(os.path.join(folder, "sub"), 0o755), lambda: os.mkdir(os.path.join(folder, "shut"), 0o600),
         lambda: os.mkfifo(os.path.join(folder, "fifo")),
         lambda: unix_socket(os.path.join(folder, "sock")),
-        lambda: os.mknod(os.path.join(folder, "chr"), 0o666 | stat.S_IFCHR, os.makedev(1, 3)),
-        lambda: os.mknod(os.path.join(folder, "blk"), 0o660 | stat.S_IFBLK, os.makedev(259, 1048575)),
+        lambda: node("null", 0o666 | stat.S_IFCHR, os.makedev(1, 3), 0),
+        lambda: node("blk", 0o660 | stat.S_IFBLK, os.makedev(259, 1048575), base),
         lambda: os.symlink("notes.txt", os.path.join(folder, "link")),
     ]
     for step in steps:
@@ -194,6 +219,16 @@ class Formats(ServerCase):
         os.mkdir(cls.server.path("empty"))
         make_entries(cls.fmt)
 
+    def assert_pinned(self, lines, pinned, check):
+        """Each hand-written line whose entry exists is among the lines."""
+        if os.geteuid() != 0:
+            self.skipTest("the hand-written lines take root's files")
+        for line in pinned:
+            name = line.rsplit(b" ", 1)[1].strip().decode()
+            if os.path.lexists(os.path.join(self.fmt, name)):
+                with self.subTest(pinned=line):
+                    check(line, lines)
+
     def test_list_and_nlst_of_every_kind_of_entry(self):
         ctl = self.server.session("rw", "pw")
         for mode, data in (("LIST", "pasv"), ("NLST", "pasv"), ("LIST", "port"), ("NLST", "lprt")):
@@ -201,7 +236,7 @@ class Formats(ServerCase):
                 first, body, last = fetch(ctl, f"{mode} fmt", data)
                 self.assertEqual((first, last), (opening(mode), R226))
                 self.assertEqual(lines_of(body), expected(self.fmt, mode))
-        self.assertIn(NOTES_LIST, lines_of(fetch(ctl, "LIST fmt")[1]))
+        self.assert_pinned(lines_of(fetch(ctl, "LIST fmt")[1]), PINNED_LIST, lambda line, got: self.assertIn(line, got))
         ctl.quit()
 
     def test_mlsd_by_login_rights(self):
@@ -215,6 +250,8 @@ class Formats(ServerCase):
                 self.assertEqual((first, last), (opening("MLSD", "BINARY"), R226))
                 lines = lines_of(body)
                 self.assertEqual(lines, expected(self.fmt, "MLSD", write))
+                if write:
+                    self.assert_pinned(lines, PINNED_MLSD, lambda line, got: self.assertRegex(b"".join(got), line))
                 self.assertIn(f"Type=file;Modify=20260307093000;{create}Perm={perm};Size=5120; notes.txt\r\n".encode(),
                               lines)
                 ctl.quit()
@@ -278,6 +315,9 @@ class LinkTargets(DaemonCase):
         for command, pattern in pinned:
             with self.subTest(command=command, pattern=pattern):
                 self.assertRegex(fetch(ctl, command)[1], pattern)
+        # The host's "/" may lack a birth time, and then its line has no Create fact.
+        line = [l for l in lines_of(fetch(ctl, "MLSD /")[1]) if l.endswith(b" .\r\n")]
+        self.assertEqual(line, [mlsd_line("/", ".", True, None, birth_times(["/"])["/"])])
         ctl.quit()
         # Under a ROOT of its own the virtual path "//e2e-link" reaches nothing on the host.
         self.server.write("e2e-file", b"x")
