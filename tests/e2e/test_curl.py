@@ -41,8 +41,9 @@ class Curl(ServerCase):
                     self.assertEqual(f.read(), content[::-1])
                 # curl turns the listing's line ends into "\n", as in any ASCII transfer.
                 for extra, mode in (([], "LIST"), (["--list-only"], "NLST")):
+                    lines = expected(self.server.path("dir"), mode)
                     self.assertEqual(lines_of(self.curl(*active, *extra, self.url + "dir/")),
-                                     sorted(line.replace(b"\r\n", b"\n") for line in expected(self.server.path("dir"), mode)))
+                                     sorted(line.replace(b"\r\n", b"\n") for line in lines))
 
 
 if __name__ == "__main__":

@@ -12,7 +12,7 @@ import struct
 import time
 
 import harness
-from harness import PASV_REPLY, WAIT, Data, Server, ServerCase, fetch, store
+from harness import PASV_REPLY, WAIT, Data, ServerCase, fetch, store
 
 R425 = b"425 Can't open data connection.\r\n"
 R426 = b"426 Connection closed; transfer aborted.\r\n"
@@ -135,7 +135,8 @@ class Preparation(ServerCase):
         for line, reply in (("CWD missing", b"550 missing: No such file or directory\r\n"),
                             ("TYPE x", R504), ("TYPE AN", R501), ("SIZE f", b"213 7\r\n"),
                             ("MKD no/such", R504), ("NOOP", b"200 NOOP command successful\r\n"),
-                            ("PWD", b'257 "/" is the current directory\r\n'), ("CDUP", b"250 CDUP command successful\r\n")):
+                            ("PWD", b'257 "/" is the current directory\r\n'),
+                            ("CDUP", b"250 CDUP command successful\r\n")):
             ctl.expect(line, reply)
         self.retr_f(ctl, data)
         ctl.quit()

@@ -7,9 +7,7 @@ import socket
 import stat
 import subprocess
 import sys
-import tempfile
 import time
-import unittest
 
 import harness
 from harness import DaemonCase, Server, ServerCase, fetch
@@ -260,7 +258,8 @@ class Formats(ServerCase):
         ctl = self.server.session("ro", "pw")
         root = os.path.realpath(self.server.root)
         for command, folder in (("LIST -la", root), ("LIST -la fmt", self.fmt), ("LIST  fmt", self.fmt),
-                                ("LIST -la empty", self.server.path("empty")), ("NLST -1 empty", self.server.path("empty")),
+                                ("LIST -la empty", self.server.path("empty")),
+                                ("NLST -1 empty", self.server.path("empty")),
                                 ("MLSD -x empty", self.server.path("empty")), ("LIST /fmt/../fmt", self.fmt)):
             with self.subTest(command=command):
                 first, body, last = fetch(ctl, command)
@@ -307,7 +306,8 @@ class LinkTargets(DaemonCase):
         for command, listed in (("LIST", folder), ("MLSD", folder), ("LIST sub", sub), ("MLSD sub", sub)):
             with self.subTest(command=command):
                 self.assertEqual(lines_of(fetch(ctl, command)[1]), expected(listed, command[:4], through=folder))
-        pinned = [("LIST", rb" good -> file\r\n"), ("LIST", rb" \.dot -> file\r\n"), ("LIST sub", rb" inner -> decoy\r\n"),
+        pinned = [("LIST", rb" good -> file\r\n"), ("LIST", rb" \.dot -> file\r\n"),
+                  ("LIST sub", rb" inner -> decoy\r\n"),
                   ("MLSD", rb"(^|\n)Type=OS\.unix=slink:file;[^\r]*;Perm=dfr;Size=4; good\r\n"),
                   ("MLSD", rb"(^|\n)Type=OS\.unix=slink:;[^\r]*;Perm=df;Size=4; \.dot\r\n"),
                   ("MLSD", rb"(^|\n)Type=OS\.unix=slink:sub;[^\r]*;Perm=dfel;Size=3; dirlink\r\n"),

@@ -5,13 +5,12 @@ relative or ends in separators. Usage: test_startup.py FTPD [unittest arguments]
 import os
 import re
 import shutil
-import subprocess
 import tempfile
 import time
 import unittest
 
 import harness
-from harness import LOG_LINE, WAIT, DaemonCase, free_port, run_ftpd
+from harness import LOG_LINE, DaemonCase, free_port, run_ftpd
 
 TOO_MANY = b"421 Too many users, server is full.\r\n"
 INTERNAL = b"421 Internal error: closing control connection\r\n"
@@ -52,10 +51,9 @@ class Servers(DaemonCase):
 
 class CommandLine(unittest.TestCase):
     def test_usage_without_root(self):
-        done = subprocess.run([harness.FTPD], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                              stderr=subprocess.STDOUT, timeout=WAIT)
-        self.assertEqual(done.returncode, 1)
-        self.assertRegex(done.stdout.decode(), "^" + STARTING + re.escape(usage(harness.FTPD)) + r"\Z")
+        status, out, _ = run_ftpd(merge=True)
+        self.assertEqual(status, 1)
+        self.assertRegex(out, "^" + STARTING + re.escape(usage(harness.FTPD)) + r"\Z")
 
     def assert_fails(self, args, message, files=None):
         with tempfile.TemporaryDirectory(prefix="ftpd-e2e-") as tmp:
