@@ -79,6 +79,12 @@ class CommandLine(unittest.TestCase):
         self.assert_fails(["users", "b,rw,q", "a,ro,y"], dupe, {"users": b"a,rw,x\n"})
         self.assert_fails(["-S", "missing", "a,rw,x", "a,ro,y"], dupe)
 
+    def test_the_first_argument_is_root_whatever_it_looks_like(self):
+        with tempfile.TemporaryDirectory(prefix="ftpd-e2e-") as tmp:
+            status, _, err = run_ftpd("-L", "missing", cwd=tmp)
+        self.assertEqual(status, 2, err)
+        self.assertRegex(err, "^" + STARTING + re.escape(f"{harness.FTPD}: missing: No such file or directory:\n") + r"\Z")
+
     def test_bad_user_arguments(self):
         for arg in ("nocomma", "a,rx,p", "-L", "-p", "a,rw," + "p" * 32, ""):
             with self.subTest(arg=arg):
@@ -111,6 +117,8 @@ class Options(Servers):
     def test_an_option_takes_the_next_argument_whatever_it_is(self):
         # -T takes "-L" as its value, so "-p PORT" is still read as an option.
         self.start(["-T", "-L", "-x", "-p", "{port}"]).session("joe").quit()
+        # A transfer time-out of 0 is taken without a word.
+        self.start(["-t", "0", "-p", "{port}"]).session("joe").quit()
         # -L takes "-p" (a limit of 1); the repeat of -L overrides; a trailing -L is ignored.
         self.assert_limit(self.start(["-p", "{port}", "-L", "-p"]), 1)
         self.assert_limit(self.start(["-L", "5", "-L", "0", "-p", "{port}", "-L"]), 1)
