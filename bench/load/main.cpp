@@ -4,7 +4,10 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
+#include <functional>
 #include <iostream>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -33,7 +36,8 @@ constexpr const char* USAGE =
 // daemon/ftpd beside bench/load/load_driver in the same build tree.
 fs::path default_ftpd()
 {
-    return fs::read_symlink("/proc/self/exe").parent_path().parent_path().parent_path() / "daemon" / "ftpd";
+    fs::path build = fs::read_symlink("/proc/self/exe").parent_path().parent_path().parent_path();
+    return build / "daemon" / "ftpd";
 }
 
 Options parse(int argc, char** argv)
@@ -64,35 +68,36 @@ Options parse(int argc, char** argv)
     return options;
 }
 
+// The first three fields of /proc/loadavg: other work on the machine shows in every figure.
+std::string load_average()
+{
+    std::ifstream in("/proc/loadavg");
+    std::string one, five, fifteen;
+    in >> one >> five >> fifteen;
+    return one + " " + five + " " + fifteen;
+}
+
 void require_program(const fs::path& path, const char* what)
 {
     if (::access(path.c_str(), X_OK) != 0)
         throw std::runtime_error(std::string("no ") + what + " at " + path.string());
 }
 
-Results unavailable(const std::string& name, const std::string& reason)
-{
-    Results results;
-    results.server = name;
-    for (Cell& cell : results.cells)
-        cell.error = "server not started";
-    results.notes.push_back("could not start: " + reason);
-    return results;
-}
+// The command line that starts a server on a port.
+using Command = std::function<std::vector<std::string>(std::uint16_t port)>;
 
-Results run_server(const std::string& name, const std::vector<std::string>& command,
-                   const Service& service, const fs::path& log, const ServedTree& tree,
-                   const SuiteOptions& options)
+Results run_server(const std::string& name, const Command& command, const Service& service,
+                   const fs::path& log, const ServedTree& tree, const SuiteOptions& options)
 {
-    std::clog << name << ": starting " << command[0] << " on port " << service.port << std::endl;
-    try {
-        ServerProcess server(command, log, service.port);
-        Results results = measure(name, service, server, tree, options, std::clog);
-        results.notes.push_back("after SIGTERM: " + server.stop());
-        return results;
-    } catch (const std::exception& error) {
-        return unavailable(name, error.what());
-    }
+    std::clog << name << ": load average " << load_average() << std::endl;
+    Launcher launch = [&](std::uint16_t port) {
+        std::vector<std::string> line = command(port);
+        std::clog << name << ": starting " << line[0] << " on port " << port << std::endl;
+        return std::make_unique<ServerProcess>(line, log, port);
+    };
+    Results results = measure(name, service, launch, tree, options, std::clog);
+    results.notes.push_back("load average (1, 5, 15 min) after the run: " + load_average());
+    return results;
 }
 
 int run(const Options& options)
@@ -107,18 +112,21 @@ int run(const Options& options)
     ServedTree tree(options.vsftpd ? vsftpd_anonymous_uid() : ::getuid());
     std::vector<Results> runs;
     if (options.run_ftpd) {
-        std::uint16_t port = free_port();
-        std::vector<std::string> command{options.ftpd.string(), tree.root().string(), "-p",
-                                         std::to_string(port), "-L", "128"};
-        runs.push_back(run_server("ftpd", command, Service{port, "load", "", ServedTree::upload_dir()},
-                                  work.path() / "ftpd.log", tree, options.suite));
+        Command command = [&](std::uint16_t port) {
+            return std::vector<std::string>{options.ftpd.string(), tree.root().string(), "-p",
+                                            std::to_string(port), "-L", "128"};
+        };
+        // With no user file every name logs in read-write without a password.
+        Service service{0, "load", "", ServedTree::upload_dir()};
+        runs.push_back(
+            run_server("ftpd", command, service, work.path() / "ftpd.log", tree, options.suite));
     }
     if (options.vsftpd) {
-        std::uint16_t port = free_port();
-        Results results =
-            run_server("vsftpd", vsftpd_command(*options.vsftpd, port, tree.root(), work.path()),
-                       vsftpd_service(port, ServedTree::upload_dir()), work.path() / "vsftpd.out",
-                       tree, options.suite);
+        Command command = [&](std::uint16_t port) {
+            return vsftpd_command(*options.vsftpd, port, tree.root(), work.path());
+        };
+        Results results = run_server("vsftpd", command, vsftpd_service(ServedTree::upload_dir()),
+                                     work.path() / "vsftpd.out", tree, options.suite);
         results.notes.push_back(
             "forks per session: CPU counts the listener and the session processes it has reaped, "
             "PSS sums the listener and every process under it");

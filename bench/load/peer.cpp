@@ -18,7 +18,7 @@ uid_t vsftpd_anonymous_uid()
 {
     const passwd* account = ::getpwnam(ANONYMOUS_ACCOUNT);
     if (!account)
-        throw std::runtime_error("the peer needs the account \"ftp\" (Debian's vsftpd package makes it)");
+        throw std::runtime_error("the peer needs the account \"ftp\", which Debian's vsftpd makes");
     return account->pw_uid;
 }
 
@@ -47,9 +47,9 @@ std::vector<std::string> vsftpd_command(const std::filesystem::path& binary, std
     return {binary.string(), config.string()};
 }
 
-Service vsftpd_service(std::uint16_t port, const std::string& upload_dir)
+Service vsftpd_service(const std::string& upload_dir)
 {
-    return {port, "anonymous", "load@", upload_dir};
+    return {0, "anonymous", "load@", upload_dir};
 }
 
 }  // namespace load

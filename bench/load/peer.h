@@ -21,7 +21,7 @@ std::vector<std::string> vsftpd_command(const std::filesystem::path& binary, std
                                         const std::filesystem::path& root,
                                         const std::filesystem::path& work);
 
-// How the driver logs in to that configuration.
-Service vsftpd_service(std::uint16_t port, const std::string& upload_dir);
+// How the driver logs in to that configuration; the port is the running server's.
+Service vsftpd_service(const std::string& upload_dir);
 
 }  // namespace load

@@ -53,13 +53,14 @@ std::uint64_t count_lines(Socket& data)
     std::vector<char> buffer(1 << 16);
     std::uint64_t lines = 0;
     while (std::size_t got = data.receive(buffer))
-        lines += static_cast<std::uint64_t>(std::count(buffer.begin(), buffer.begin() + static_cast<long>(got), '\n'));
+        lines += static_cast<std::uint64_t>(std::count(buffer.data(), buffer.data() + got, '\n'));
     return lines;
 }
 
 }  // namespace
 
-SessionRun run_sessions(const Service& service, int concurrency, std::chrono::milliseconds duration)
+SessionRun run_sessions(const Service& service, int concurrency, std::chrono::milliseconds duration,
+                        const std::function<bool()>& server_alive)
 {
     SessionRun run;
     std::mutex lock;
@@ -77,6 +78,8 @@ SessionRun run_sessions(const Service& service, int concurrency, std::chrono::mi
                 } catch (const std::exception& error) {
                     if (failed++ == 0)
                         failure = error.what();
+                    if (!server_alive())
+                        break;
                 }
             }
             std::lock_guard guard(lock);
@@ -206,10 +209,8 @@ double idle_session_pss_kib(const Service& service, pid_t server, int sessions)
     // Let every worker settle into its wait for the next command.
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     std::uint64_t busy = tree_pss_kib(server);
-    for (auto& control : open) {
-        control->expect("QUIT", 221);
-        control->await_close();
-    }
+    // The sessions end by closing, without QUIT: how they end is no part of this figure.
+    open.clear();
     return (static_cast<double>(busy) - static_cast<double>(idle)) / sessions;
 }
 

@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -23,8 +24,10 @@ struct SessionRun {
 };
 
 // `concurrency` clients, each repeating connect, 220, USER (PASS if asked), PWD, QUIT and the
-// server's close, until `duration` has passed.
-SessionRun run_sessions(const Service& service, int concurrency, std::chrono::milliseconds duration);
+// server's close, until `duration` has passed. A client that fails asks `server_alive` and stops
+// if the server has gone, rather than count refused connections at full speed.
+SessionRun run_sessions(const Service& service, int concurrency, std::chrono::milliseconds duration,
+                        const std::function<bool()>& server_alive);
 
 struct RoundTrips {
     double p50_us = 0;

@@ -114,8 +114,10 @@ std::optional<std::string> ServerProcess::ended()
 {
     // The child is only looked at, not reaped: while it stays a zombie its id, and so its process
     // group's, cannot be taken by another process.
+    std::lock_guard guard(lock_);
     siginfo_t info{};
-    if (!status_ && pid_ > 0 && ::waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+    if (!status_ && pid_ > 0 &&
+        ::waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
         info.si_pid == pid_)
         status_ = info.si_code == CLD_EXITED ? "exit status " + std::to_string(info.si_status)
                                              : "signal " + std::to_string(info.si_status);
@@ -126,13 +128,17 @@ std::string ServerProcess::stop()
 {
     if (pid_ <= 0)
         return status_.value_or("not started");
-    if (!ended()) {
+    if (ended()) {
+        status_ = "had ended before SIGTERM: " + *status_;
+    } else {
         ::kill(pid_, SIGTERM);
         auto deadline = Clock::now() + std::chrono::seconds(5);
         while (!ended() && Clock::now() < deadline)
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         if (!ended())
             status_ = "still running 5 s after SIGTERM, killed";
+        else
+            status_ = "ended on SIGTERM: " + *status_;
     }
     // Session processes of a forking server may outlive it; they are in its group.
     ::kill(-pid_, SIGKILL);

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -24,9 +25,10 @@ public:
     ~ServerProcess();
 
     pid_t pid() const { return pid_; }
-    // The exit status text if the process has ended, else nothing.
+    // The exit status text if the process has ended, else nothing. Safe from any thread.
     std::optional<std::string> ended();
-    // SIGTERM, up to 5 seconds for the end, then SIGKILL. Returns how it ended.
+    // SIGTERM, up to 5 seconds for the end, then SIGKILL; then SIGKILL to what is left of its
+    // process group. Returns how it ended.
     std::string stop();
     // The last lines of the log, for messages.
     std::string log_tail() const;
@@ -36,6 +38,7 @@ private:
 
     pid_t pid_ = -1;
     std::filesystem::path log_;
+    std::mutex lock_;  // guards status_
     std::optional<std::string> status_;
 };
 

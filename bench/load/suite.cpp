@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "bench/load/scenarios.h"
+#include "bench/load/socket.h"
 
 namespace load {
 namespace {
@@ -33,9 +34,9 @@ Figure offset(Figure first, std::size_t index)
 
 class Pass {
 public:
-    Pass(const std::string& name, const Service& service, ServerProcess& server,
+    Pass(const std::string& name, const Service& service, const Launcher& launch,
          const ServedTree& tree, const SuiteOptions& options, std::ostream& progress)
-        : service_(service), server_(server), tree_(tree), options_(options), progress_(progress)
+        : service_(service), launch_(launch), tree_(tree), options_(options), progress_(progress)
     {
         results_.server = name;
     }
@@ -47,10 +48,14 @@ private:
     // those it did not record empty, with the reason.
     void attempt(std::initializer_list<Figure> figures, const std::function<void()>& body);
     void record(Figure figure, double value);
+    void note(const std::string& text);
+    // A running server: the one there is, or a new one if it has ended. Throws if none starts.
+    ServerProcess& server();
     void sessions();
 
-    const Service& service_;
-    ServerProcess& server_;
+    Service service_;  // its port is the running server's
+    const Launcher& launch_;
+    std::unique_ptr<ServerProcess> server_;
     const ServedTree& tree_;
     const SuiteOptions& options_;
     std::ostream& progress_;
@@ -63,21 +68,34 @@ void Pass::record(Figure figure, double value)
     progress_ << results_.server << ": " << label_of(figure) << " " << value << std::endl;
 }
 
+void Pass::note(const std::string& text)
+{
+    results_.notes.push_back(text);
+    progress_ << results_.server << ": " << text << std::endl;
+}
+
+ServerProcess& Pass::server()
+{
+    if (server_) {
+        std::optional<std::string> status = server_->ended();
+        if (!status)
+            return *server_;
+        note("server ended (" + *status + "); started anew for what follows. Its log ended:\n" +
+             server_->log_tail());
+        server_.reset();
+    }
+    service_.port = free_port();
+    server_ = launch_(service_.port);
+    return *server_;
+}
+
 void Pass::attempt(std::initializer_list<Figure> figures, const std::function<void()>& body)
 {
     std::string error;
-    if (auto status = server_.ended()) {
-        error = "server had ended (" + *status + ")";
-    } else {
-        try {
-            body();
-        } catch (const std::exception& failure) {
-            error = failure.what();
-        }
-        if (auto status = server_.ended()) {
-            results_.notes.push_back("server ended during a measurement (" + *status + "); log:\n" +
-                                     server_.log_tail());
-        }
+    try {
+        body();
+    } catch (const std::exception& failure) {
+        error = failure.what();
     }
     for (Figure figure : figures) {
         if (!results_[figure].value) {
@@ -90,32 +108,45 @@ void Pass::attempt(std::initializer_list<Figure> figures, const std::function<vo
 
 void Pass::sessions()
 {
-    std::uint64_t cpu_before = cpu_us(server_.pid());
-    std::uint64_t completed = 0;
+    std::uint64_t cpu = 0, completed = 0;
+    std::string excluded;
     for (std::size_t i = 0; i < std::size(SESSION_LEVELS); ++i) {
-        SessionRun run = run_sessions(service_, SESSION_LEVELS[i], options_.session_run);
+        int level = SESSION_LEVELS[i];
+        ServerProcess& running = server();
+        std::uint64_t cpu_before = cpu_us(running.pid());
+        SessionRun run = run_sessions(service_, level, options_.session_run,
+                                      [&] { return !running.ended(); });
         record(offset(Figure::sessions_1, i), static_cast<double>(run.completed) / run.seconds);
         record(offset(Figure::failed_1, i), static_cast<double>(run.failed));
         if (run.failed > 0) {
-            results_.notes.push_back(std::to_string(run.failed) + " of " +
-                                     std::to_string(run.failed + run.completed) + " sessions at " +
-                                     std::to_string(SESSION_LEVELS[i]) +
-                                     " concurrent failed; the first: " + run.first_failure);
+            note(std::to_string(run.failed) + " of " + std::to_string(run.failed + run.completed) +
+                 " sessions at " + std::to_string(level) + " concurrent failed; the first: " +
+                 run.first_failure);
         }
+        // A server that died in the run took its CPU time with it.
+        if (running.ended()) {
+            excluded += ' ';
+            excluded += std::to_string(level);
+            continue;
+        }
+        cpu += cpu_us(running.pid()) - cpu_before;
         completed += run.completed;
     }
-    std::uint64_t cpu_after = cpu_us(server_.pid());
     if (completed == 0)
-        throw std::runtime_error("no session completed");
-    record(Figure::cpu_per_session, static_cast<double>(cpu_after - cpu_before) / static_cast<double>(completed));
+        throw std::runtime_error("no session completed on a server that stayed up");
+    record(Figure::cpu_per_session, static_cast<double>(cpu) / static_cast<double>(completed));
+    if (!excluded.empty())
+        note("CPU per session leaves out the runs in which the server ended, at" + excluded +
+             " concurrent");
 }
 
 Results Pass::run()
 {
     attempt({Figure::idle_pss}, [&] {
-        record(Figure::idle_pss, idle_session_pss_kib(service_, server_.pid(), IDLE_SESSIONS));
+        record(Figure::idle_pss, idle_session_pss_kib(service_, server().pid(), IDLE_SESSIONS));
     });
     attempt({Figure::noop_p50, Figure::noop_p99}, [&] {
+        server();
         RoundTrips trips = noop_round_trips(service_, NOOPS);
         record(Figure::noop_p50, trips.p50_us);
         record(Figure::noop_p99, trips.p99_us);
@@ -124,29 +155,39 @@ Results Pass::run()
              Figure::failed_1, Figure::failed_16, Figure::failed_64, Figure::failed_128,
              Figure::cpu_per_session},
             [&] { sessions(); });
-    attempt({Figure::small_retrs},
-            [&] { record(Figure::small_retrs, small_retrs_per_second(service_)); });
+    attempt({Figure::small_retrs}, [&] {
+        server();
+        record(Figure::small_retrs, small_retrs_per_second(service_));
+    });
     const std::pair<Figure, const char*> listings[] = {
         {Figure::list_many, "LIST"}, {Figure::mlsd_many, "MLSD"}, {Figure::nlst_many, "NLST"}};
     for (const auto& [figure, verb] : listings) {
         attempt({figure}, [&] {
-            record(figure, median_of(LISTING_RUNS, [&] { return listing_seconds(service_, verb); }));
+            server();
+            auto once = [&] { return listing_seconds(service_, verb); };
+            record(figure, median_of(LISTING_RUNS, once));
         });
     }
-    attempt({Figure::retr_big},
-            [&] { record(Figure::retr_big, median_of(BIG_RUNS, [&] { return retr_mbps(service_); })); });
-    attempt({Figure::stor_big}, [&] {
-        record(Figure::stor_big, median_of(BIG_RUNS, [&] { return stor_mbps(service_, tree_.root()); }));
+    attempt({Figure::retr_big}, [&] {
+        server();
+        record(Figure::retr_big, median_of(BIG_RUNS, [&] { return retr_mbps(service_); }));
     });
+    attempt({Figure::stor_big}, [&] {
+        server();
+        auto once = [&] { return stor_mbps(service_, tree_.root()); };
+        record(Figure::stor_big, median_of(BIG_RUNS, once));
+    });
+    if (server_)
+        note("stopped: " + server_->stop());
     return std::move(results_);
 }
 
 }  // namespace
 
-Results measure(const std::string& name, const Service& service, ServerProcess& server,
+Results measure(const std::string& name, const Service& service, const Launcher& launch,
                 const ServedTree& tree, const SuiteOptions& options, std::ostream& progress)
 {
-    return Pass(name, service, server, tree, options, progress).run();
+    return Pass(name, service, launch, tree, options, progress).run();
 }
 
 }  // namespace load
