@@ -209,8 +209,10 @@ double idle_session_pss_kib(const Service& service, pid_t server, int sessions)
     // Let every worker settle into its wait for the next command.
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     std::uint64_t busy = tree_pss_kib(server);
-    // The sessions end by closing, without QUIT: how they end is no part of this figure.
+    // The sessions end by closing, without QUIT: how they end is no part of this figure. The
+    // server is then given the time to end them, so the next measurement starts on a quiet one.
     open.clear();
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
     return (static_cast<double>(busy) - static_cast<double>(idle)) / sessions;
 }
 

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -47,20 +48,17 @@ std::uint64_t pss_kib(pid_t pid)
     return 0;
 }
 
-[[noreturn]] void exec_child(const std::vector<std::string>& argv, const std::filesystem::path& log)
+// Runs in the child between fork and exec, so it only makes system calls.
+[[noreturn]] void exec_child(char* const* args, const char* log)
 {
     // Never outlive the driver, and keep any processes the server forks in one group.
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     ::setpgid(0, 0);
-    int out = ::open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+    int out = ::open(log, O_WRONLY | O_CREAT | O_APPEND, 0644);
     int null = ::open("/dev/null", O_RDONLY);
     if (out < 0 || null < 0 || ::dup2(null, 0) < 0 || ::dup2(out, 1) < 0 || ::dup2(out, 2) < 0)
         ::_exit(126);
-    std::vector<char*> args;
-    for (const std::string& arg : argv)
-        args.push_back(const_cast<char*>(arg.c_str()));
-    args.push_back(nullptr);
-    ::execv(args[0], args.data());
+    ::execv(args[0], args);
     ::_exit(127);
 }
 
@@ -70,11 +68,15 @@ ServerProcess::ServerProcess(const std::vector<std::string>& argv, const std::fi
                              std::uint16_t port)
     : log_(log)
 {
+    std::vector<char*> args;
+    for (const std::string& arg : argv)
+        args.push_back(const_cast<char*>(arg.c_str()));
+    args.push_back(nullptr);
     pid_ = ::fork();
     if (pid_ < 0)
         throw std::runtime_error("fork failed");
     if (pid_ == 0)
-        exec_child(argv, log);
+        exec_child(args.data(), log.c_str());
     try {
         await_greeting(port);
     } catch (...) {
@@ -97,7 +99,7 @@ void ServerProcess::await_greeting(std::uint16_t port)
         if (auto status = ended())
             throw std::runtime_error("server ended at start (" + *status + "):\n" + log_tail());
         try {
-            Control control(probe);
+            Control control(probe, std::chrono::seconds(2));
             control.expect_reply(220, "greeting");
             control.expect("QUIT", 221);
             control.await_close();
@@ -168,6 +170,16 @@ std::uint64_t cpu_us(pid_t pid)
     for (std::size_t field = 14; field <= 17; ++field)  // utime, stime, cutime, cstime
         ticks += std::stoull(fields[field - 3]);
     return ticks * 1000000 / static_cast<std::uint64_t>(::sysconf(_SC_CLK_TCK));
+}
+
+std::uint64_t own_cpu_us()
+{
+    rusage usage{};
+    ::getrusage(RUSAGE_SELF, &usage);
+    auto us = [](const timeval& t) {
+        return static_cast<std::uint64_t>(t.tv_sec) * 1000000 + static_cast<std::uint64_t>(t.tv_usec);
+    };
+    return us(usage.ru_utime) + us(usage.ru_stime);
 }
 
 std::uint64_t tree_pss_kib(pid_t pid)

@@ -46,6 +46,9 @@ private:
 // /proc/PID/stat), in microseconds.
 std::uint64_t cpu_us(pid_t pid);
 
+// CPU time of the calling process (the driver itself), user and system, in microseconds.
+std::uint64_t own_cpu_us();
+
 // Sum of "Pss:" of /proc/P/smaps_rollup over the process and all its descendants, in KiB: a server
 // that forks per session is counted whole.
 std::uint64_t tree_pss_kib(pid_t pid);
