@@ -77,10 +77,10 @@ std::string load_average()
     return one + " " + five + " " + fifteen;
 }
 
-void require_program(const fs::path& path, const char* what)
+void require_program(const fs::path& path, const char* what, const char* hint)
 {
     if (::access(path.c_str(), X_OK) != 0)
-        throw std::runtime_error(std::string("no ") + what + " at " + path.string());
+        throw std::runtime_error(std::string("no ") + what + " at " + path.string() + " (" + hint + ")");
 }
 
 // The command line that starts a server on a port.
@@ -103,9 +103,9 @@ Results run_server(const std::string& name, const Command& command, const Servic
 int run(const Options& options)
 {
     if (options.run_ftpd)
-        require_program(options.ftpd, "ftpd (build it, or name it as the first argument)");
+        require_program(options.ftpd, "ftpd", "build it, or name it as the first argument");
     if (options.vsftpd)
-        require_program(*options.vsftpd, "vsftpd (apt-get install vsftpd, or --peer vsftpd=PATH)");
+        require_program(*options.vsftpd, "vsftpd", "apt-get install vsftpd, or --peer vsftpd=PATH");
     TempDir work("ftpd-load-work");
     std::clog << "making the served tree (1 GiB file, 10,000 entries, 1,000 files of 4 KiB)"
               << std::endl;
