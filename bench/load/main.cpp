@@ -80,7 +80,8 @@ std::string load_average()
 void require_program(const fs::path& path, const char* what, const char* hint)
 {
     if (::access(path.c_str(), X_OK) != 0)
-        throw std::runtime_error(std::string("no ") + what + " at " + path.string() + " (" + hint + ")");
+        throw std::runtime_error(std::string("no ") + what + " at " + path.string() + " (" + hint +
+                                 ")");
 }
 
 // The command line that starts a server on a port.

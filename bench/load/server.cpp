@@ -177,7 +177,8 @@ std::uint64_t own_cpu_us()
     rusage usage{};
     ::getrusage(RUSAGE_SELF, &usage);
     auto us = [](const timeval& t) {
-        return static_cast<std::uint64_t>(t.tv_sec) * 1000000 + static_cast<std::uint64_t>(t.tv_usec);
+        return static_cast<std::uint64_t>(t.tv_sec) * 1000000 +
+               static_cast<std::uint64_t>(t.tv_usec);
     };
     return us(usage.ru_utime) + us(usage.ru_stime);
 }
