@@ -172,6 +172,94 @@ private:
 
 thread_local ViewCache view_cache;
 
+// System stacks that threads still run on. A thread that frees the memory of another thread's
+// stack (a detached thread frees the one that ended before it, which may not have left its stack
+// quite yet) must not pull it away under that thread: the memory goes when the thread has left.
+class LiveStacks {
+public:
+    enum class How { unmap, protect };
+
+    void enter(std::uintptr_t base, std::size_t size)
+    {
+        std::lock_guard guard(lock_);
+        live_.push_back(Range{base, size});
+    }
+
+    void leave(std::uintptr_t base)
+    {
+        std::vector<Deferred> due;
+        {
+            std::lock_guard guard(lock_);
+            std::erase_if(live_, [&](const Range& r) { return r.base == base; });
+            std::erase_if(deferred_, [&](const Deferred& d) {
+                if (covers_live(d.range))
+                    return false;
+                due.push_back(d);
+                return true;
+            });
+        }
+        for (const Deferred& d : due)
+            dispose_now(d.range.base, d.range.size, d.how);
+    }
+
+    // Unmaps, or makes inaccessible, now or once no live stack lies in the range.
+    void dispose(std::uintptr_t base, std::size_t size, How how)
+    {
+        {
+            std::lock_guard guard(lock_);
+            Range range{base, size};
+            if (covers_live(range)) {
+                deferred_.push_back(Deferred{range, how});
+                return;
+            }
+        }
+        dispose_now(base, size, how);
+    }
+
+    bool overlaps_live(std::uintptr_t base, std::size_t size)
+    {
+        std::lock_guard guard(lock_);
+        return covers_live(Range{base, size});
+    }
+
+private:
+    struct Range {
+        std::uintptr_t base;
+        std::size_t size;
+    };
+    struct Deferred {
+        Range range;
+        How how;
+    };
+
+    bool covers_live(const Range& range) const
+    {
+        for (const Range& r : live_)
+            if (r.base < range.base + range.size && range.base < r.base + r.size)
+                return true;
+        return false;
+    }
+
+    static void dispose_now(std::uintptr_t base, std::size_t size, How how)
+    {
+        auto* address = reinterpret_cast<void*>(base);
+        if (how == How::unmap)
+            munmap(address, size);
+        else
+            mmap(address, size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED | MAP_NORESERVE, -1, 0);
+    }
+
+    std::mutex lock_;
+    std::vector<Range> live_;
+    std::vector<Deferred> deferred_;
+};
+
+LiveStacks& live_stacks()
+{
+    static auto* stacks = new LiveStacks; // threads may end after static destruction has begun
+    return *stacks;
+}
+
 class Reservations {
 public:
     void add(std::uintptr_t base, std::size_t size)
@@ -269,11 +357,12 @@ private:
         SpinGuard guard(lock_);
         if (view_ == nullptr)
             return;
-        address_map().remove(reinterpret_cast<std::uintptr_t>(view_), mapped_);
+        auto base = reinterpret_cast<std::uintptr_t>(view_);
+        address_map().remove(base, mapped_);
         if (in_reservation_)
-            mmap(view_, mapped_, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED | MAP_NORESERVE, -1, 0);
-        else if (!view_cache.keep(view_, mapped_))
-            munmap(view_, mapped_);
+            live_stacks().dispose(base, mapped_, LiveStacks::How::protect);
+        else if (live_stacks().overlaps_live(base, mapped_) || !view_cache.keep(view_, mapped_))
+            live_stacks().dispose(base, mapped_, LiveStacks::How::unmap);
         view_ = nullptr;
     }
 
@@ -320,6 +409,13 @@ orlix::Handle memo_at(const void* address)
     return record.handle;
 }
 
+void enter_system_stack(void* base, std::size_t size)
+{
+    live_stacks().enter(reinterpret_cast<std::uintptr_t>(base), size);
+}
+
+void leave_system_stack(void* base) { live_stacks().leave(reinterpret_cast<std::uintptr_t>(base)); }
+
 bool view_bounds(const void* address, void** base, std::size_t* size)
 {
     ViewRecord record;
@@ -350,7 +446,7 @@ orlix::Status release_reservation(void* address)
         return orlix::STATUS_BAD_ARGUMENT;
     for (auto& memo : address_map().inside(base, size))
         memo->forget_view_inside(base, size);
-    munmap(address, size);
+    live_stacks().dispose(base, size, LiveStacks::How::unmap);
     return orlix::STATUS_DONE;
 }
 

@@ -85,23 +85,18 @@ void* host_thread_main(void* raw)
     self_thread = self;
     if (self->stack_top == nullptr) {
         self->entry(self->argument);
-    } else {
-        void* base = nullptr;
-        std::size_t size = 0;
-        if (!view_bounds(static_cast<char*>(self->stack_top) - 1, &base, &size)) {
-            size = FALLBACK_SYSTEM_STACK;
-            base = static_cast<char*>(self->stack_top) - size;
-        }
-        std::size_t usable = static_cast<std::size_t>(static_cast<char*>(self->stack_top) - static_cast<char*>(base));
+    } else if (!ending(self)) {
         getcontext(&self->system_context);
-        self->system_context.uc_stack.ss_sp = base;
-        self->system_context.uc_stack.ss_size = usable;
+        self->system_context.uc_stack.ss_sp = self->system_stack_base;
+        self->system_context.uc_stack.ss_size = self->system_stack_size;
         self->system_context.uc_link = nullptr;
         makecontext(&self->system_context, system_stack_main, 0);
-        start_fiber_switch(&self->sanitizer_fake_stack, base, usable);
+        start_fiber_switch(&self->sanitizer_fake_stack, self->system_stack_base, self->system_stack_size);
         swapcontext(&self->host_context, &self->system_context);
         finish_fiber_switch(self->sanitizer_fake_stack, nullptr, nullptr);
     }
+    if (self->stack_top != nullptr)
+        leave_system_stack(self->system_stack_base);
     self_thread = nullptr;
     delete_object(record);
     return nullptr;
@@ -234,9 +229,20 @@ orlix::Handle create_thread(orlix::ThreadEntry entry, void* argument, void* stac
     record->entry = entry;
     record->argument = argument;
     record->stack_top = stack_top;
+    if (stack_top != nullptr) {
+        // The stack is the caller's view; a thread deleted before it starts never touches it.
+        void* base = nullptr;
+        std::size_t size = 0;
+        if (!view_bounds(static_cast<char*>(stack_top) - 1, &base, &size))
+            base = static_cast<char*>(stack_top) - FALLBACK_SYSTEM_STACK;
+        record->system_stack_base = base;
+        record->system_stack_size = static_cast<std::size_t>(static_cast<char*>(stack_top) - static_cast<char*>(base));
+    }
     orlix::Handle handle = register_handle(record, 0);
     if (handle == orlix::INVALID_HANDLE)
         return orlix::INVALID_HANDLE;
+    if (stack_top != nullptr)
+        enter_system_stack(record->system_stack_base, record->system_stack_size);
 
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
@@ -251,6 +257,8 @@ orlix::Handle create_thread(orlix::ThreadEntry entry, void* argument, void* stac
     int failed = pthread_create(&id, &attributes, host_thread_main, holder);
     pthread_attr_destroy(&attributes);
     if (failed != 0) {
+        if (stack_top != nullptr)
+            leave_system_stack(record->system_stack_base);
         delete holder;
         delete_object(record);
         return orlix::INVALID_HANDLE;

@@ -63,6 +63,8 @@ public:
     orlix::ThreadEntry entry = nullptr;
     void* argument = nullptr;
     void* stack_top = nullptr;
+    void* system_stack_base = nullptr;
+    std::size_t system_stack_size = 0;
     ucontext_t host_context{};
     ucontext_t system_context{};
     void* sanitizer_fake_stack = nullptr;
