@@ -75,9 +75,18 @@ Reply Control::read_reply()
     return reply;
 }
 
+Reply Control::reply_to(std::string_view after)
+{
+    try {
+        return read_reply();
+    } catch (const std::runtime_error& error) {
+        throw std::runtime_error(std::string(after) + ": " + error.what());
+    }
+}
+
 Reply Control::expect_reply(int code, std::string_view after)
 {
-    Reply reply = read_reply();
+    Reply reply = reply_to(after);
     if (reply.code != code)
         throw std::runtime_error(std::string(after) + ": expected " + std::to_string(code) +
                                  ", got \"" + reply.text + "\"");
@@ -94,7 +103,7 @@ void Control::greet_and_login()
 {
     expect_reply(220, "greeting");
     send("USER " + service_.user);
-    Reply reply = read_reply();
+    Reply reply = reply_to("USER");
     if (reply.code == 331)
         reply = expect("PASS " + service_.password, 230);
     else if (reply.code != 230)
@@ -117,7 +126,13 @@ Socket Control::open_passive()
 void Control::await_close()
 {
     std::string line;
-    if (next_line(line))
+    bool more = false;
+    try {
+        more = next_line(line);
+    } catch (const std::runtime_error& error) {
+        throw std::runtime_error(std::string("close after QUIT: ") + error.what());
+    }
+    if (more)
         throw std::runtime_error("unexpected line after QUIT: " + line);
 }
 

@@ -35,6 +35,8 @@ public:
 
     void send(std::string_view command);
     Reply read_reply();
+    // read_reply, with `after` (the command or step) in front of any error.
+    Reply reply_to(std::string_view after);
     // Reads a reply and throws unless its code is `code`.
     Reply expect_reply(int code, std::string_view after);
     // Sends the command and throws unless the reply's code is `code`.
