@@ -69,29 +69,38 @@ SessionRun run_sessions(const Service& service, int concurrency, std::chrono::mi
     std::vector<std::thread> clients;
     for (int i = 0; i < concurrency; ++i) {
         clients.emplace_back([&] {
-            std::uint64_t completed = 0, failed = 0;
-            std::string failure;
+            SessionRun mine;
             while (Clock::now() < deadline) {
+                Clock::time_point begun = Clock::now();
+                bool good = false;
                 try {
                     one_session(service);
-                    ++completed;
+                    good = true;
                 } catch (const std::exception& error) {
-                    if (failed++ == 0)
-                        failure = error.what();
-                    if (!server_alive())
-                        break;
+                    if (mine.failed++ == 0)
+                        mine.first_failure = error.what();
                 }
+                Clock::time_point ended = Clock::now();
+                double took = std::chrono::duration<double>(ended - begun).count();
+                mine.slowest = std::max(mine.slowest, took);
+                if (good)
+                    ++(ended <= deadline ? mine.completed : mine.late);
+                else if (!server_alive())
+                    break;
             }
             std::lock_guard guard(lock);
-            run.completed += completed;
-            run.failed += failed;
+            run.completed += mine.completed;
+            run.late += mine.late;
+            run.failed += mine.failed;
+            run.slowest = std::max(run.slowest, mine.slowest);
             if (run.first_failure.empty())
-                run.first_failure = failure;
+                run.first_failure = mine.first_failure;
         });
     }
     for (std::thread& client : clients)
         client.join();
-    run.seconds = seconds_since(start);
+    run.window = std::chrono::duration<double>(duration).count();
+    run.overrun = std::chrono::duration<double>(Clock::now() - deadline).count();
     return run;
 }
 

@@ -17,15 +17,20 @@
 namespace load {
 
 struct SessionRun {
-    std::uint64_t completed = 0;
-    std::uint64_t failed = 0;
-    double seconds = 0;
-    std::string first_failure;  // what went wrong the first time, if anything did
+    std::uint64_t completed = 0;  // sessions that succeeded and ended within the window
+    std::uint64_t late = 0;       // sessions begun within the window that succeeded after it
+    std::uint64_t failed = 0;     // sessions begun within the window that failed, whenever
+    double window = 0;            // seconds
+    double slowest = 0;           // seconds of the longest session, succeeded or failed
+    double overrun = 0;           // seconds from the end of the window to the end of the run
+    std::string first_failure;    // what went wrong the first time, if anything did
+
+    double per_second() const { return static_cast<double>(completed) / window; }
 };
 
 // `concurrency` clients, each repeating connect, 220, USER (PASS if asked), PWD, QUIT and the
-// server's close, until `duration` has passed. A client that fails asks `server_alive` and stops
-// if the server has gone, rather than count refused connections at full speed.
+// server's close, beginning sessions for `duration`. A client that fails asks `server_alive` and
+// stops if the server has gone, rather than count refused connections at full speed.
 SessionRun run_sessions(const Service& service, int concurrency, std::chrono::milliseconds duration,
                         const std::function<bool()>& server_alive);
 

@@ -3,6 +3,7 @@
 #include "bench/load/suite.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <functional>
 #include <initializer_list>
 #include <vector>
@@ -25,6 +26,13 @@ double median_of(int runs, const std::function<double()>& measure)
         values.push_back(measure());
     std::sort(values.begin(), values.end());
     return values[values.size() / 2];
+}
+
+std::string two_places(double value)
+{
+    char text[32];
+    std::snprintf(text, sizeof text, "%.2f", value);
+    return text;
 }
 
 Figure offset(Figure first, std::size_t index)
@@ -117,11 +125,19 @@ void Pass::sessions()
         std::uint64_t cpu_before = cpu_us(running.pid());
         SessionRun run = run_sessions(service_, level, options_.session_run,
                                       [&] { return !running.ended(); });
-        record(offset(Figure::sessions_1, i), static_cast<double>(run.completed) / run.seconds);
+        record(offset(Figure::sessions_1, i), run.per_second());
         record(offset(Figure::failed_1, i), static_cast<double>(run.failed));
-        all_completed += run.completed;
+        all_completed += run.completed + run.late;
+        // Sessions that stall past the window would otherwise hide in the rate.
+        if (run.slowest > 1) {
+            note("sessions at " + std::to_string(level) + " concurrent: the slowest took " +
+                 two_places(run.slowest) + " s; " + std::to_string(run.late) +
+                 " that succeeded after the window are not counted; the run ended " +
+                 two_places(run.overrun) + " s after it");
+        }
         if (run.failed > 0) {
-            note(std::to_string(run.failed) + " of " + std::to_string(run.failed + run.completed) +
+            note(std::to_string(run.failed) + " of " +
+                 std::to_string(run.failed + run.completed + run.late) +
                  " sessions at " + std::to_string(level) + " concurrent failed; the first: " +
                  run.first_failure);
         }
@@ -132,7 +148,7 @@ void Pass::sessions()
             continue;
         }
         cpu += cpu_us(running.pid()) - cpu_before;
-        completed += run.completed;
+        completed += run.completed + run.late;
     }
     // The driver shares the machine's cores with the server; its cost bounds what can be seen.
     if (all_completed > 0) {
