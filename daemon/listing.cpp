@@ -26,14 +26,30 @@ void send(FtpdSession* session, int socket, const char* text)
     ftpd_sendstr(session, static_cast<std::uint32_t>(socket), text);
 }
 
-void send_list_line(FtpdSession* session, int socket, char* text, const char* entry_path, const struct stat* st,
-                    const char* name)
+// The path a link's target is read by: the current virtual directory, "/" and the name, in
+// list_scratch; null when they don't fit. That path is not put under the root: a target shows
+// only where it reaches a link of the same name.
+const char* link_path(FtpdSession* session, const char* name)
+{
+    std::size_t cwd_length = std::strlen(session->cwd);
+    if (cwd_length > BUILT_PATH_LIMIT || std::strlen(name) >= BUILT_PATH_LIMIT + 1 - cwd_length)
+        return nullptr;
+    char* path = session->list_scratch;
+    std::memcpy(path, session->cwd, cwd_length);
+    path[cwd_length] = '/';
+    std::strcpy(path + cwd_length + 1, name);
+    return path;
+}
+
+void send_list_line(FtpdSession* session, int socket, char* text, const struct stat* st, const char* name)
 {
     char* end = ftpd_format_list(text, st, name);
     if (is_link(st->st_mode)) {
         std::memcpy(end, " -> ", 4);
         end += 4;
-        std::int64_t length = readlink(entry_path, end, LIST_TARGET_ROOM - static_cast<std::size_t>(end - text));
+        const char* path = link_path(session, name);
+        std::int64_t length =
+            path != nullptr ? readlink(path, end, LIST_TARGET_ROOM - static_cast<std::size_t>(end - text)) : -1;
         if (length > 0)
             end += length;
     }
@@ -42,18 +58,20 @@ void send_list_line(FtpdSession* session, int socket, char* text, const char* en
     ftpd_sendstrl(session, static_cast<std::uint32_t>(socket), text, static_cast<std::uint64_t>(end - text));
 }
 
-void send_mlsd_line(FtpdSession* session, int socket, char* text, const char* entry_path, const struct stat* own,
+// spare: room behind the entry's name in the entry path buffer, for a link's target.
+void send_mlsd_line(FtpdSession* session, int socket, char* text, char* spare, const struct stat* own,
                     const char* name)
 {
     const char* target = nullptr;
     struct stat target_st;
     bool examined = false;
     // The target of a link whose name begins with a dot is not read.
-    if (is_link(own->st_mode) && name[0] != '.') {
-        bool read = readlink(entry_path, session->list_scratch, MLSD_TARGET_ROOM) >= 0;
-        examined = stat(entry_path, &target_st) == 0;
+    const char* path = is_link(own->st_mode) && name[0] != '.' ? link_path(session, name) : nullptr;
+    if (path != nullptr) {
+        bool read = readlink(path, spare, MLSD_TARGET_ROOM) >= 0;
+        examined = stat(path, &target_st) == 0;
         if (read && examined)
-            target = session->list_scratch;
+            target = spare;
     }
     char* end = ftpd_format_mlsd(text, own, name, target, examined ? &target_st : nullptr,
                                  (session->login_flags & LOGIN_WRITE) != 0);
@@ -96,12 +114,12 @@ void send_entries(FtpdSession* session, int socket, DIR* dir, char* entry_path, 
         if (lstat(entry_path, &st) != 0)
             continue;
         if (mode == LIST_MODE) {
-            send_list_line(session, socket, text, entry_path, &st, entry->d_name);
+            send_list_line(session, socket, text, &st, entry->d_name);
         } else if (mode == NLST_MODE) {
             send(session, socket, entry->d_name);
             send(session, socket, "\r\n");
         } else {
-            send_mlsd_line(session, socket, text, entry_path, &st, entry->d_name);
+            send_mlsd_line(session, socket, text, name_at + std::strlen(name_at) + 1, &st, entry->d_name);
         }
     }
     ftpd_sendstr(session, session->control_socket, "226 Transfer complete\r\n");
