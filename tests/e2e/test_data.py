@@ -12,7 +12,7 @@ import struct
 import time
 
 import harness
-from harness import PASV_REPLY, WAIT, Data, ServerCase, fetch, store
+from harness import PASV_REPLY, WAIT, Data, ServerCase, fetch, read, store
 
 R425 = b"425 Can't open data connection.\r\n"
 R426 = b"426 Connection closed; transfer aborted.\r\n"
@@ -41,6 +41,11 @@ def refused(address):
     except ConnectionRefusedError:
         return True
     return False
+
+
+def sha256_of(path):
+    with open(path, "rb") as f:
+        return hashlib.file_digest(f, "sha256").hexdigest()
 
 
 def abort(sock):
@@ -93,6 +98,11 @@ class Preparation(ServerCase):
                 ctl.expect("RETR f", R503)
         ctl.expect("PORT 300,1,1,1,1,1", b"200 PORT command successful\r\n")  # 44.1.1.1, never connected
         ctl.expect("XYZZY", R502)
+        # A connect that fails: 425, and the preparation is gone.
+        closed = harness.free_port()
+        ctl.expect(f"PORT 127,0,0,1,{closed >> 8},{closed & 255}", b"200 PORT command successful\r\n")
+        ctl.expect("RETR f", R425)
+        ctl.expect("RETR f", R503)
         # Each number keeps its low 8 bits, tokens behind the sixth are ignored, a token that is no
         # number is 0 (and 0.0.0.0 reaches this host), and any address is taken.
         for template, host in (("PORT 127,0,0,1,{hi},{lo},99", "127.0.0.1"),
@@ -175,8 +185,7 @@ class Transfers(ServerCase):
                                      (opening("ASCII", "RETR"), content, R226))
                     name = f"out{size}{mode}"
                     self.assertEqual(store(ctl, name, content, mode), (opening("ASCII", "STOR"), R226))
-                    with open(self.server.path(name), "rb") as f:
-                        self.assertEqual(f.read(), content)
+                    self.assertEqual(read(self.server.path(name)), content)
         self.assertEqual(os.stat(self.server.path("out0pasv")).st_mode & 0o777, 0o644)
         ctl.quit()
 
@@ -268,11 +277,6 @@ class Transfers(ServerCase):
         ctl.quit()
 
 
-def sha256_of(path):
-    with open(path, "rb") as f:
-        return hashlib.file_digest(f, "sha256").hexdigest()
-
-
 class Interruptions(ServerCase):
     ARGS = ["-L", "1", "-t", "1", "-p", "{port}"]
 
@@ -299,8 +303,7 @@ class Interruptions(ServerCase):
                     started = time.monotonic()
                     self.assertEqual(ctl.line(), R426)
                     self.assertGreater(time.monotonic() - started, 0.9)
-                with open(self.server.path("slow"), "rb") as f:
-                    self.assertEqual(f.read(), sent)
+                self.assertEqual(read(self.server.path("slow")), sent)
         ctl.expect("NOOP", b"200 NOOP command successful\r\n")
         ctl.quit()
 
@@ -325,8 +328,7 @@ class Interruptions(ServerCase):
         abort(ctl.sock)
         ctl = self.next_client()
         self.assertEqual(fetch(ctl, "RETR big"), (opening("ASCII", "RETR"), content, R226))
-        with open(self.server.path("part"), "rb") as f:
-            self.assertTrue(content.startswith(f.read()))
+        self.assertTrue(content.startswith(read(self.server.path("part"))))
         ctl.quit()
 
 
