@@ -61,10 +61,12 @@ inline IOreq* create_block(Device* device, std::uint64_t size, Handle reply)
     return req;
 }
 
+// The block is gone once the message is sent: nothing of it is read afterwards.
 inline bool delete_block(IOreq* req)
 {
-    _SL_SendMsg(req->device->request_port, reinterpret_cast<std::uint64_t>(req->device), MSG_IOREQ_DELETE, req->id, -1);
-    return receive(req->device->create_reply_port).type == MSG_IOREQ_DELETED;
+    Device* device = req->device;
+    _SL_SendMsg(device->request_port, reinterpret_cast<std::uint64_t>(device), MSG_IOREQ_DELETE, req->id, -1);
+    return receive(device->create_reply_port).type == MSG_IOREQ_DELETED;
 }
 
 // Begins (MSG_IO_BEGIN) or aborts (MSG_IO_ABORT) the block's command.
