@@ -11,7 +11,8 @@ namespace host::kernel {
 
 // A port whose messages are not queued: a send runs the handler at once, in the sender's thread,
 // with the message. Devices take their requests this way, so that a command that can finish at
-// once costs no thread switch. The handler must not block for long.
+// once costs no thread switch. The handler must not block for long. It runs on the thread's host
+// stack, and exceptions raised meanwhile wait until it has returned.
 using PortHandler = std::function<void(const orlix::Message&)>;
 orlix::Handle create_service_port(PortHandler handler);
 
@@ -32,7 +33,8 @@ void set_task_end_hook(std::function<void()> hook);
 // watched task ends: word1 the task's id, word2 0.
 inline constexpr std::uint64_t MSG_WATCH_TASK_ENDED = 0xd0030003;
 
-// Number of live kernel objects: tests use it to prove that nothing leaks.
+// Number of live kernel objects, and of their handles: tests use them to prove that nothing leaks.
 std::uint64_t live_object_count();
+std::uint64_t live_handle_count();
 
 } // namespace host::kernel

@@ -385,35 +385,6 @@ TEST(Mutex, ExcludesUnderContention)
     EXPECT_EQ(mutex.semaphore, INVALID_HANDLE);
 }
 
-TEST(Mutex, HeldWhileTheProcessGainsItsSecondThread)
-{
-    // A fresh process has one thread, and the mutex then works without atomic operations; a lock
-    // taken so must still exclude, and hand over to, a thread that starts while it is held.
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_EXIT(
-        {
-            auto* flag = reinterpret_cast<const char*>(_SL_GetState(STATE_SINGLE_THREAD_FLAG));
-            Mutex mutex;
-            bool ok = flag != nullptr && *flag != 0 && MutexInit(&mutex) == MUTEX_OK && MutexLock(&mutex) == MUTEX_OK;
-            std::atomic<int> stage{0};
-            std::thread other([&] {
-                stage = 1;
-                MutexLock(&mutex);
-                stage = 2;
-                MutexUnlock(&mutex);
-            });
-            while (stage == 0)
-                std::this_thread::yield();
-            std::this_thread::sleep_for(std::chrono::milliseconds(30));
-            ok = ok && *flag == 0 && stage == 1 && MutexTryLock(&mutex) == MUTEX_BUSY;
-            MutexUnlock(&mutex);
-            other.join();
-            ok = ok && stage == 2 && mutex.count == 0;
-            std::_Exit(ok ? 0 : 1);
-        },
-        testing::ExitedWithCode(0), "");
-}
-
 TEST(Mutex, TryTimedAndUnbalancedUse)
 {
     Mutex mutex;
