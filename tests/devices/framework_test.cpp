@@ -167,6 +167,11 @@ TEST_F(Framework, StaleAndForgedIdsAreRefused)
         orlix::_SL_SendMsg(device->request_port, static_cast<std::uint64_t>(reply), orlix::MSG_IO_BEGIN, id, -1);
         EXPECT_EQ(next(), MSG_IO_FAILED) << id;
     }
+    // A delete of an id that names nothing is still answered, and deletes nothing.
+    for (std::uint64_t id : {old_id, std::uint64_t{0x7777}}) {
+        orlix::_SL_SendMsg(device->request_port, reinterpret_cast<std::uint64_t>(device), orlix::MSG_IOREQ_DELETE, id, -1);
+        EXPECT_EQ(devtest::receive(device->create_reply_port).type, orlix::MSG_IOREQ_DELETED) << id;
+    }
     // The live blocks still work.
     EXPECT_EQ(devtest::sync(third, CMD_DONE, orlix::ioreq_area(third)), MSG_IO_DONE);
     EXPECT_EQ(run(CMD_DONE), MSG_IO_DONE);
