@@ -84,10 +84,11 @@ TEST_F(Tcpip, AcceptWaitsForAConnectionAndReportsThePeer)
     EXPECT_EQ(std::pair(local.sin_family, local.sin_addr), std::pair(std::uint16_t{2}, htonl(INADDR_LOOPBACK)));
     std::uint16_t port = ntohs(local.sin_port);
 
-    tcp.begin_accept(listener);
+    tcp.begin_accept(listener, 24);
     expect_quiet();
     int client = devtest::host_connect(port);
     ASSERT_EQ(next(), MSG_IO_DONE);
+    EXPECT_EQ(tcp.params<orlix::TcpAcceptParams>()->length, 16u) << "the address length comes back";
     std::int32_t accepted = tcp.params<orlix::TcpAcceptParams>()->new_socket;
     EXPECT_TRUE(accepted > 0 && accepted != listener) << accepted;
     sockaddr_in mine{};

@@ -43,6 +43,13 @@ TEST(KernelHandles, FurtherHandlesShareTheObjectAndDeletionReachesAll)
     EXPECT_EQ(_SL_SendMsg(again, 0, 0, 0, -1), STATUS_BAD_HANDLE);
     EXPECT_EQ(_SL_SendMsg(port, 0, 0, 0, -1), STATUS_BAD_HANDLE);
     EXPECT_EQ(_SL_CreateHandle(0, INVALID_HANDLE, 0), INVALID_HANDLE);
+    // A slot used again gives a new handle: the old one names nothing.
+    Handle gone = _SL_CreateMsgPort(0, 0);
+    DeleteMsgPort(gone);
+    Handle next = _SL_CreateMsgPort(0, 0);
+    EXPECT_NE(next, gone);
+    EXPECT_EQ(_SL_SendMsg(gone, 0, 0, 0, -1), STATUS_BAD_HANDLE);
+    DeleteMsgPort(next);
     EXPECT_EQ(_SL_DeleteObject(12345, DELETE_OBJECT), STATUS_BAD_HANDLE);
     EXPECT_EQ(host::kernel::live_object_count(), before);
     EXPECT_EQ(host::kernel::live_handle_count(), handles);
@@ -93,9 +100,9 @@ TEST(KernelPorts, FifoTimeoutsAndPipes)
     std::this_thread::sleep_for(std::chrono::milliseconds(30));
     _SL_SendMsg(a, 0, 9, 1, -1);
     _SL_SendMsg(a, 0, 9, 2, -1);
+    EXPECT_TRUE(wait_until([&] { return woken == 2; }, 1000)) << "a receiver was not woken";
     for (auto& receiver : receivers)
         receiver.join();
-    EXPECT_EQ(woken, 2);
 
     // Deleting a port ends a wait on it.
     std::thread deleter([&] {

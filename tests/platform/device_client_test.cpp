@@ -78,6 +78,29 @@ TEST(DeviceOpen, FindsDeviceThroughRegistryAndLeavesNothingBehind)
     EXPECT_EQ(host::kernel::live_handle_count(), handles);
 }
 
+TEST(DeviceOpen, EveryExchangeTakesItsOwnAnswerAndLeavesItsPortEmpty)
+{
+    // Each answer follows a stray: a wait that stopped at the stray would leave the answer behind.
+    FakeDevice dev;
+    dev.stray_before_answers = true;
+    Handle reply = _SL_CreateMsgPort(0, 0);
+    auto empty = [](Handle port) {
+        Message m{};
+        return _SL_RecvMsgPtr(port, &m, 0) == STATUS_TIMEOUT;
+    };
+    EXPECT_EQ(devlib_open_device_from_msgport(dev.port(), reply), dev.device());
+    EXPECT_TRUE(empty(reply)) << "open";
+    IOreq* req = CreateIOreq(dev.device(), 0, 3, 0x200, reply);
+    ASSERT_NE(req, nullptr);
+    EXPECT_TRUE(empty(dev.device()->create_reply_port)) << "create";
+    EXPECT_EQ(DeleteIOreq(req), 0);
+    EXPECT_TRUE(empty(dev.device()->create_reply_port)) << "delete";
+    devlib_close_device(reply, dev.device());
+    EXPECT_TRUE(empty(reply)) << "close";
+    EXPECT_EQ(dev.types(), (Types{MSG_DEVICE_OPEN, MSG_IOREQ_CREATE, MSG_IOREQ_DELETE, MSG_DEVICE_CLOSE}));
+    DeleteMsgPort(reply);
+}
+
 TEST(DeviceOpen, NoRegistryOrARefusalGivesNullAtOnceAndGivesBackItsHandles)
 {
     FakeRegistry reg;
