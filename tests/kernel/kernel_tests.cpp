@@ -88,21 +88,24 @@ TEST(KernelPorts, FifoTimeoutsAndPipes)
     sender.join();
     EXPECT_EQ(_SL_RecvMsgPtr(b, &m, 0), STATUS_TIMEOUT);
 
-    // Two threads waiting on one port: two sends wake both, each with one message.
-    std::atomic<int> woken{0};
-    std::vector<std::thread> receivers;
-    for (int i = 0; i < 2; ++i)
-        receivers.emplace_back([&] {
-            Message got{};
-            if (_SL_RecvMsgPtr(a, &got, 5000) == STATUS_DONE && got.type == 9)
-                ++woken;
-        });
-    std::this_thread::sleep_for(std::chrono::milliseconds(30));
-    _SL_SendMsg(a, 0, 9, 1, -1);
-    _SL_SendMsg(a, 0, 9, 2, -1);
-    EXPECT_TRUE(wait_until([&] { return woken == 2; }, 1000)) << "a receiver was not woken";
-    for (auto& receiver : receivers)
-        receiver.join();
+    // Two threads waiting on one port: two sends wake both at once, each with one message, however
+    // far the first has come when the second message arrives.
+    for (int round = 0; round < 20; ++round) {
+        std::atomic<int> woken{0};
+        std::vector<std::thread> receivers;
+        for (int i = 0; i < 2; ++i)
+            receivers.emplace_back([&] {
+                Message got{};
+                if (_SL_RecvMsgPtr(a, &got, 5000) == STATUS_DONE && got.type == 9)
+                    ++woken;
+            });
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        _SL_SendMsg(a, 0, 9, 1, -1);
+        _SL_SendMsg(a, 0, 9, 2, -1);
+        EXPECT_TRUE(wait_until([&] { return woken == 2; }, 1000)) << "round " << round << ": a receiver slept on";
+        for (auto& receiver : receivers)
+            receiver.join();
+    }
 
     // Deleting a port ends a wait on it.
     std::thread deleter([&] {
@@ -144,9 +147,9 @@ TEST(KernelSync, SemaphoresKeepSignalsAndEventsFollowTheirModes)
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
     EXPECT_EQ(through, 1);
     _SL_SignalSemaphore(shared, 2);
+    EXPECT_TRUE(wait_until([&] { return through == 3; }, 1000)) << "a signal of two woke one";
     for (auto& waiter : waiters)
         waiter.join();
-    EXPECT_EQ(through, 3);
     EXPECT_EQ(_SL_WaitSemaphore(shared, 1, 0), STATUS_TIMEOUT);
     // Deleting a semaphore ends its waits.
     std::thread deleter([&] {
