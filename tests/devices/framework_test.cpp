@@ -77,6 +77,7 @@ protected:
     {
         devtest::warm_up();
         start_objects = host::kernel::live_object_count();
+        start_handles = host::kernel::live_handle_count();
         service = std::make_unique<TestDevice>();
         ASSERT_TRUE(open(service->port(), 256));
     }
@@ -85,6 +86,7 @@ protected:
         EXPECT_TRUE(close());
         service.reset();
         EXPECT_EQ(host::kernel::live_object_count(), start_objects);
+        EXPECT_EQ(host::kernel::live_handle_count(), start_handles) << "the open's task handle, or another, kept";
     }
     std::uint64_t run(std::uint32_t command, void* params = nullptr)
     {
@@ -100,6 +102,7 @@ protected:
     void expect_quiet(int ms = 60) { EXPECT_EQ(next(ms), 0u); }
 
     std::uint64_t start_objects = 0;
+    std::uint64_t start_handles = 0;
     std::unique_ptr<TestDevice> service;
 };
 

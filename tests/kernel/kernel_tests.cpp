@@ -172,6 +172,23 @@ TEST(KernelSync, SemaphoresKeepSignalsAndEventsFollowTheirModes)
     EXPECT_EQ(_SL_WaitForEventPtr(pulse, &record, 0), STATUS_DONE);
     EXPECT_EQ(_SL_WaitForEventPtr(pulse, &record, 0), STATUS_TIMEOUT);
 
+    // A set wakes every waiter of an event that stays set.
+    Handle open_gate = _SL_CreateEvent(0, 0);
+    std::atomic<int> passed{0};
+    std::vector<std::thread> at_gate;
+    for (int i = 0; i < 2; ++i)
+        at_gate.emplace_back([&] {
+            Message r{};
+            if (_SL_WaitForEventPtr(open_gate, &r, 5000) == STATUS_DONE)
+                ++passed;
+        });
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    _SL_SetEvent(open_gate, 0, 0, 0);
+    EXPECT_TRUE(wait_until([&] { return passed == 2; }, 1000)) << "a waiter stayed at the gate";
+    for (auto& waiter : at_gate)
+        waiter.join();
+    DeleteEvent(open_gate);
+
     // A gate: the waiter is released by the deletion of the event.
     Handle gate = _SL_CreateEvent(0, 0);
     std::atomic<bool> released{false};
@@ -255,6 +272,10 @@ TEST(KernelMemory, ViewInsideReservationAndUnmappedPartFaults)
     }
     EXPECT_EQ(_SL_VirtualFree(0, reservation, 0), STATUS_DONE);
     EXPECT_EQ(_SL_VirtualFree(0, reservation, 0), STATUS_BAD_ARGUMENT);
+    // Once released, the range takes no view.
+    Handle late = _SL_CreateMemo(0, 0, block, 0);
+    EXPECT_EQ(_SL_AllocView(0, late, reservation + guard, 0, 0, 0), nullptr);
+    DeleteMemo(late, 0x20000);
 }
 
 namespace {

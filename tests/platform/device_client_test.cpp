@@ -125,6 +125,12 @@ TEST(DeviceOpen, NoRegistryOrARefusalGivesNullAtOnceAndGivesBackItsHandles)
     }
     host::kernel::set_state(STATE_REGISTRY_PORT, reg.registry.port());
     EXPECT_EQ(reg.registry.count(MSG_DEVICE_OPEN), 1u); // the refused open by name only
+    // A registry that refuses the open: the lookup gives up and gives its handle back.
+    reg.registry.open_answer_override = 0;
+    EXPECT_EQ(fake::bounded("a lookup the registry refuses", [] { return GetDeviceMsgPort("fakedev"); }),
+              INVALID_HANDLE);
+    EXPECT_EQ(reg.registry.count(MSG_DEVICE_OPEN), 2u);
+    EXPECT_EQ(host::kernel::live_handle_count(), handles);
 }
 
 TEST(DeviceOpen, RegistryOpensStraightRefusalsGiveNullAndSlotsCache)
