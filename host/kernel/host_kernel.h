@@ -21,7 +21,8 @@ orlix::Handle create_service_port(PortHandler handler);
 void set_state(std::uint64_t selector, std::int64_t value);
 
 // Raises an exception of a class on a kernel thread. It is delivered at the thread's next kernel
-// entry or at once if the thread waits in the kernel.
+// entry or at once if the thread waits in the kernel, on the thread's own stack; never while the
+// thread runs a service port's handler, but as soon as the handler has returned.
 orlix::Status raise_exception(orlix::Handle thread, std::uint64_t exception_class, std::uint64_t number,
                               std::uint64_t argument);
 
