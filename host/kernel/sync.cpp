@@ -9,9 +9,11 @@ namespace host::kernel {
 
 namespace {
 
-// About two microseconds of spinning: a holder of the mutex built on the semaphore is usually
-// out by then, and the waiter takes the signal without sleeping or waking.
-constexpr int SPINS_BEFORE_SLEEP = 150;
+// About two microseconds of spinning, ten looks some 200 ns apart: a holder of the mutex built on
+// the semaphore is usually out by then, and the waiter takes the signal without sleeping or
+// waking anybody.
+constexpr int SPINS_BEFORE_SLEEP = 10;
+constexpr int RELAX_PER_LOOK = 16;
 
 class Semaphore : public Waitable {
 public:
@@ -27,21 +29,40 @@ public:
         return false;
     }
 
+    // A signal is taken only once it has stayed there a look long: a thread that signals and at
+    // once waits again (a mutex taken again and again) keeps it, and the data it works on stays in
+    // its cache, instead of every operation moving over to the spinning thread.
     bool spin_take(std::uint64_t n)
     {
+        bool seen = false;
         for (int i = 0; i < SPINS_BEFORE_SLEEP; ++i) {
-            cpu_relax();
-            if (count.load(std::memory_order_relaxed) >= n && try_take(n))
+            for (int k = 0; k < RELAX_PER_LOOK; ++k)
+                cpu_relax();
+            bool there = count.load(std::memory_order_relaxed) >= n;
+            if (there && seen && try_take(n))
                 return true;
+            seen = there;
         }
         return false;
     }
 
-    // The signals kept, and the waiters that sleep (changed under the lock). A waiter counts
-    // itself before it looks at the signals a last time, and a signal adds before it looks for
-    // sleepers, so that one of the two always sees the other.
+    // Wakes the first sleeper (lock held); it will look at the signals again.
+    void wake_one()
+    {
+        if (KThread* waiter = waiters.pop()) {
+            waking.store(true, std::memory_order_seq_cst);
+            waiter->parker.unpark();
+        }
+    }
+
+    // The signals kept, the waiters that sleep (changed under the lock), and whether a sleeper
+    // was woken and has not looked at the signals yet. A waiter counts itself, or clears
+    // `waking`, before it looks at the signals, and a signal adds before it looks at those two,
+    // so that one side always sees the other. While a woken sleeper is on its way, signals wake
+    // nobody more: a thread that takes the lock again and again then pays no wake-up each time.
     alignas(64) std::atomic<std::uint64_t> count{0};
     std::atomic<std::uint32_t> sleepers{0};
+    std::atomic<bool> waking{false};
 };
 
 class Event : public Waitable {
@@ -76,10 +97,15 @@ orlix::Status sleep_on(orlix::Handle handle, std::uint64_t n, const Deadline& de
     semaphore->sleepers.fetch_add(1, std::memory_order_seq_cst);
     orlix::Status status;
     do
-        status = wait_on(lock, semaphore->waiters, *semaphore, deadline,
-                         [&] { return semaphore->count.load(std::memory_order_seq_cst) >= n; });
+        status = wait_on(lock, semaphore->waiters, *semaphore, deadline, [&] {
+            semaphore->waking.store(false, std::memory_order_seq_cst);
+            return semaphore->count.load(std::memory_order_seq_cst) >= n;
+        });
     while (status == orlix::STATUS_DONE && !semaphore->try_take(n));
     semaphore->sleepers.fetch_sub(1, std::memory_order_relaxed);
+    // Signals that came while this waiter was on its way woke nobody: they go to the next one.
+    if (status == orlix::STATUS_DONE && semaphore->count.load(std::memory_order_seq_cst) != 0)
+        semaphore->wake_one();
     return status;
 }
 
@@ -89,12 +115,8 @@ void wake_sleepers(orlix::Handle handle, std::uint64_t n)
     if (!semaphore)
         return;
     std::lock_guard guard(semaphore->lock);
-    for (std::uint64_t i = 0; i < n; ++i) {
-        KThread* waiter = semaphore->waiters.pop();
-        if (waiter == nullptr)
-            break;
-        waiter->parker.unpark();
-    }
+    for (std::uint64_t i = 0; i < n && !semaphore->waiters.empty(); ++i)
+        semaphore->wake_one();
 }
 
 orlix::Status wait_event(orlix::Handle handle, orlix::Message* record, const Deadline& deadline)
@@ -150,7 +172,8 @@ Status _SL_SignalSemaphore(Handle handle, std::uint64_t count)
     if (semaphore == nullptr)
         return STATUS_BAD_HANDLE;
     semaphore->count.fetch_add(count, std::memory_order_seq_cst);
-    if (semaphore->sleepers.load(std::memory_order_seq_cst) != 0)
+    if (semaphore->sleepers.load(std::memory_order_seq_cst) != 0 &&
+        !semaphore->waking.load(std::memory_order_seq_cst))
         on_host_stack(self, [&] {
             wake_sleepers(handle, count);
             return 0;
