@@ -103,8 +103,11 @@ orlix::Status sleep_on(orlix::Handle handle, std::uint64_t n, const Deadline& de
         });
     while (status == orlix::STATUS_DONE && !semaphore->try_take(n));
     semaphore->sleepers.fetch_sub(1, std::memory_order_relaxed);
-    // Signals that came while this waiter was on its way woke nobody: they go to the next one.
-    if (status == orlix::STATUS_DONE && semaphore->count.load(std::memory_order_seq_cst) != 0)
+    // Signals that came while this waiter was on its way woke nobody, and a waiter that leaves
+    // without a signal (time-out, exception, its own end) may have been the one woken: what is
+    // there goes to the next sleeper.
+    semaphore->waking.store(false, std::memory_order_seq_cst);
+    if (semaphore->count.load(std::memory_order_seq_cst) != 0)
         semaphore->wake_one();
     return status;
 }
