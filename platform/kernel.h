@@ -43,9 +43,6 @@ inline constexpr std::uint64_t STATE_REGISTRY_PORT = 9;
 inline constexpr std::uint64_t STATE_SUPERVISOR_PORT = 10;
 inline constexpr std::uint64_t STATE_TASKS_AS_HANDLES = 20;
 inline constexpr std::uint64_t STATE_VM_AVAILABLE = 30;
-// The address of a byte that is non-zero while the task runs a single thread. It goes to zero
-// before a second thread starts and does not come back; 0 if the kernel keeps no such byte.
-inline constexpr std::uint64_t STATE_SINGLE_THREAD_FLAG = 40;
 
 // Selectors of _SL_GetObjectInfo and codes of _SL_ControlObject.
 inline constexpr std::uint64_t INFO_TASK_ID = 6;

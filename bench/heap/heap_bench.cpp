@@ -104,9 +104,10 @@ template <typename A> void ReallocGrowth(benchmark::State& state)
     BENCHMARK_TEMPLATE(fn, Host)->Name(label "<host>") __VA_ARGS__
 
 // Benchmarks run in this order. The first ones run while the process has a single thread, when
-// the heap's mutex needs no atomic operation (as the host's allocator skips its own). Once the
-// two-thread run has started threads, the process stays multi-threaded, as a server is: the
-// last two show the same workloads in that state.
+// the host's allocator skips its atomic operations (the heap's mutex never does). Once the
+// two-thread run has started threads, the process stays multi-threaded, as a server is: the last
+// two show the same workloads in that state, and the two-thread run's time per operation over
+// both threads is to be set against the one-thread run after it.
 SIDE_BY_SIDE(Pairs, "Pairs/single-threaded-process", ->Args({16, 128}));
 SIDE_BY_SIDE(Pairs, "Pairs/single-threaded-process", ->Args({129, 4096}));
 SIDE_BY_SIDE(Pairs, "Pairs/single-threaded-process", ->Args({4096, 256 * 1024}));

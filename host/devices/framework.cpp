@@ -440,8 +440,8 @@ void Service::do_create(Open* open, const Message& m)
 {
     Handle reply = open->device->create_reply_port;
     std::uint64_t size = m.word2;
-    if (m.word1 != reinterpret_cast<std::uint64_t>(open->device) || size < orlix::IOREQ_HEADER_SIZE ||
-        size > IOREQ_MAX_SIZE) {
+    // A block grows to whatever the caller asks: only memory the kernel can't give refuses it.
+    if (m.word1 != reinterpret_cast<std::uint64_t>(open->device) || size < orlix::IOREQ_HEADER_SIZE) {
         post(reply, 0, orlix::MSG_IOREQ_CREATED, 0);
         return;
     }
@@ -551,19 +551,24 @@ void Service::do_abort(Open* open, const Message& m)
     RequestRef r = find(*open, m.word2);
     if (!r) {
         post(reply, 0, orlix::MSG_IO_ABORT_ACK, 0);
+        post(reply, 0, orlix::MSG_IO_ABORTED, 0);
         return;
     }
     std::lock_guard g(r->lock);
     post(reply, 0, orlix::MSG_IO_ABORT_ACK, 0);
-    if (r->state != RequestState::parked)
+    if (r->state == RequestState::parked) {
+        cancel(*r);
+        if (r->timer_armed) {
+            reactor().cancel_timer(r->timer);
+            r->timer_armed = false;
+        }
+        r->state = RequestState::idle;
+        post(r->reply, 0, orlix::MSG_IO_ABORTED, 0);
         return;
-    cancel(*r);
-    if (r->timer_armed) {
-        reactor().cancel_timer(r->timer);
-        r->timer_armed = false;
     }
-    r->state = RequestState::idle;
-    post(r->reply, 0, orlix::MSG_IO_ABORTED, 0);
+    // Nothing is in flight: the command already ended (or never began). The client that sent the
+    // abort may have missed that end, so the abort is still answered in full.
+    post(reply, 0, orlix::MSG_IO_ABORTED, 0);
 }
 
 } // namespace host::devices

@@ -29,9 +29,6 @@ inline constexpr std::uint32_t STATUS_BAD_ADDRESS = 0xbe000038;  // a pointer ou
 inline constexpr std::uint32_t STATUS_TIME_EXPIRED = 0xbe000049; // the block's time-out ran out
 inline constexpr std::uint32_t STATUS_NOT_FOUND = 0xbe000001;    // no such key
 
-// Bounds of a request block's size.
-inline constexpr std::size_t IOREQ_MAX_SIZE = std::size_t{1} << 40;
-
 using Clock = std::chrono::steady_clock;
 
 // --- The reactor -----------------------------------------------------------------------------

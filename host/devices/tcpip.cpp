@@ -528,6 +528,9 @@ Outcome Tcpip::cmd_connect(Request& r)
     sa.sin_family = AF_INET;
     r.pending.socket = p->socket;
     return on_open_socket(p->socket, [&](Socket* s) {
+        // Asked here: the host's first connect after one finished in the background says 0.
+        if (s->connected)
+            return Outcome::fail(orlix::TCP_STATUS_CONNECTED);
         if (::connect(s->fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) == 0) {
             s->connected = true;
             return Outcome::ok();

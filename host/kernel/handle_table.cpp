@@ -1,6 +1,7 @@
 // The handle table: chunks of slots, each slot guarded by its own spin lock, free slots on a
 // lock-free stack. A handle carries its slot index and the slot's generation, so a stale handle
-// never reaches the object that took its slot later.
+// never reaches the object that took its slot later. Hot paths look handles up through a small
+// per-thread cache that checks the slot without taking its lock.
 #include <array>
 #include <atomic>
 
@@ -17,7 +18,7 @@ constexpr std::uint32_t MAX_CHUNKS = 1024;
 
 struct Slot {
     SpinLock lock;
-    orlix::Handle handle = 0; // 0 while free
+    std::atomic<orlix::Handle> handle{0}; // 0 while free; written under the lock
     std::uint64_t flags = 0;
     ObjectRef object;
     std::uint32_t generation = 0;
@@ -34,6 +35,7 @@ std::atomic<std::uint32_t> high_water{0};
 // every change raises, defeats ABA.
 std::atomic<std::uint64_t> free_top{0};
 std::atomic<std::uint64_t> live_count{0};
+std::atomic<std::uint64_t> handle_count{0};
 
 Slot* slot_at(std::uint32_t index)
 {
@@ -137,14 +139,20 @@ std::size_t HandleList::take_all(std::array<orlix::Handle, 2>& first, std::vecto
     return count;
 }
 
+// An object counts as live until it dies; a dead one may linger in a lookup cache a while.
 Object::Object(Kind kind) : kind_(kind) { live_count.fetch_add(1, std::memory_order_relaxed); }
 
-Object::~Object() { live_count.fetch_sub(1, std::memory_order_relaxed); }
+Object::~Object()
+{
+    if (!dead())
+        live_count.fetch_sub(1, std::memory_order_relaxed);
+}
 
 bool Object::kill()
 {
     if (dead_.exchange(true, std::memory_order_acq_rel))
         return false;
+    live_count.fetch_sub(1, std::memory_order_relaxed);
     on_delete();
     return true;
 }
@@ -172,20 +180,21 @@ orlix::Handle register_handle(const ObjectRef& object, std::uint64_t flags)
         if (slot->generation == 0)
             slot->generation = 1;
         handle = (static_cast<orlix::Handle>(slot->generation) << 32) | (index + 1);
-        slot->handle = handle;
         slot->flags = flags;
         slot->object = object;
+        slot->handle.store(handle, std::memory_order_release);
     }
     SpinGuard guard(object->handles_lock_);
     if (object->dead()) {
         {
             SpinGuard slot_guard(slot->lock);
-            slot->handle = 0;
+            slot->handle.store(0, std::memory_order_release);
             slot->object.reset();
         }
         push_free(index);
         return orlix::INVALID_HANDLE;
     }
+    handle_count.fetch_add(1, std::memory_order_relaxed);
     object->handles_.add(handle);
     orlix::Handle none = orlix::INVALID_HANDLE;
     object->primary_.compare_exchange_strong(none, handle, std::memory_order_relaxed);
@@ -200,13 +209,79 @@ ObjectRef lookup(orlix::Handle handle)
     ObjectRef object;
     {
         SpinGuard guard(slot->lock);
-        if (slot->handle == handle)
+        if (slot->handle.load(std::memory_order_relaxed) == handle)
             object = slot->object;
     }
     if (object && object->dead())
         return nullptr;
     return object;
 }
+
+namespace {
+
+// Handles this thread used lately, each with a reference that keeps its object's memory: a hit
+// costs two plain loads (the slot still holds the handle, the object is alive) and no write to
+// memory another thread uses.
+class LookupCache {
+public:
+    Object* find(orlix::Handle handle) const
+    {
+        for (const Entry& entry : entries_)
+            if (entry.handle == handle)
+                return entry.slot->handle.load(std::memory_order_acquire) == handle && !entry.object->dead()
+                           ? entry.object.get()
+                           : nullptr;
+        return nullptr;
+    }
+
+    // Replaces what the cache held for the handle, or its oldest entry.
+    const ObjectRef* keep(orlix::Handle handle, Slot* slot, ObjectRef object)
+    {
+        Entry* entry = nullptr;
+        for (Entry& e : entries_)
+            if (e.handle == handle)
+                entry = &e;
+        if (entry == nullptr) {
+            entry = &entries_[next_];
+            next_ = (next_ + 1) % entries_.size();
+        }
+        *entry = Entry{handle, slot, std::move(object)};
+        return &entry->object;
+    }
+
+    const ObjectRef* get(orlix::Handle handle) const
+    {
+        for (const Entry& entry : entries_)
+            if (entry.handle == handle)
+                return &entry.object;
+        return nullptr;
+    }
+
+private:
+    struct Entry {
+        orlix::Handle handle = 0;
+        Slot* slot = nullptr;
+        ObjectRef object;
+    };
+    std::array<Entry, 8> entries_{};
+    std::size_t next_ = 0;
+};
+
+thread_local LookupCache lookup_cache;
+
+} // namespace
+
+const ObjectRef* lookup_cached(orlix::Handle handle)
+{
+    if (lookup_cache.find(handle) != nullptr)
+        return lookup_cache.get(handle);
+    ObjectRef object = lookup(handle);
+    if (!object)
+        return nullptr;
+    return lookup_cache.keep(handle, slot_of(handle), std::move(object));
+}
+
+Object* find_cached(orlix::Handle handle) { return lookup_cache.find(handle); }
 
 namespace {
 
@@ -220,11 +295,12 @@ ObjectRef clear_slot(orlix::Handle handle)
     ObjectRef object;
     {
         SpinGuard guard(slot->lock);
-        if (slot->handle != handle)
+        if (slot->handle.load(std::memory_order_relaxed) != handle)
             return nullptr;
-        slot->handle = 0;
+        slot->handle.store(0, std::memory_order_release);
         object = std::move(slot->object);
     }
+    handle_count.fetch_sub(1, std::memory_order_relaxed);
     push_free(index);
     return object;
 }
@@ -270,5 +346,7 @@ void delete_object(const ObjectRef& object)
 }
 
 std::uint64_t live_objects() { return live_count.load(std::memory_order_relaxed); }
+
+std::uint64_t live_handles() { return handle_count.load(std::memory_order_relaxed); }
 
 } // namespace host::kernel

@@ -11,7 +11,8 @@ namespace host::kernel {
 
 // A port whose messages are not queued: a send runs the handler at once, in the sender's thread,
 // with the message. Devices take their requests this way, so that a command that can finish at
-// once costs no thread switch. The handler must not block for long.
+// once costs no thread switch. The handler must not block for long. It runs on the thread's host
+// stack, and exceptions raised meanwhile wait until it has returned.
 using PortHandler = std::function<void(const orlix::Message&)>;
 orlix::Handle create_service_port(PortHandler handler);
 
@@ -20,7 +21,8 @@ orlix::Handle create_service_port(PortHandler handler);
 void set_state(std::uint64_t selector, std::int64_t value);
 
 // Raises an exception of a class on a kernel thread. It is delivered at the thread's next kernel
-// entry or at once if the thread waits in the kernel.
+// entry or at once if the thread waits in the kernel, on the thread's own stack; never while the
+// thread runs a service port's handler, but as soon as the handler has returned.
 orlix::Status raise_exception(orlix::Handle thread, std::uint64_t exception_class, std::uint64_t number,
                               std::uint64_t argument);
 
@@ -32,8 +34,9 @@ void set_task_end_hook(std::function<void()> hook);
 // watched task ends: word1 the task's id, word2 0.
 inline constexpr std::uint64_t MSG_WATCH_TASK_ENDED = 0xd0030003;
 
-// Number of live kernel objects: tests use it to prove that nothing leaks.
+// Number of live kernel objects, and of their handles: tests use them to prove that nothing leaks.
 std::uint64_t live_object_count();
+std::uint64_t live_handle_count();
 
 // Makes the n-th handle given out from now on fail (1: the next one), as if the kernel had no
 // room: tests walk failure paths with it. 0 stops it.

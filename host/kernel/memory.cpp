@@ -409,12 +409,12 @@ orlix::Handle memo_at(const void* address)
     return record.handle;
 }
 
-void enter_system_stack(void* base, std::size_t size)
+void enter_system_stack(const void* base, std::size_t size)
 {
     live_stacks().enter(reinterpret_cast<std::uintptr_t>(base), size);
 }
 
-void leave_system_stack(void* base) { live_stacks().leave(reinterpret_cast<std::uintptr_t>(base)); }
+void leave_system_stack(const void* base) { live_stacks().leave(reinterpret_cast<std::uintptr_t>(base)); }
 
 bool view_bounds(const void* address, void** base, std::size_t* size)
 {

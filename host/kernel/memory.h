@@ -16,8 +16,8 @@ orlix::Status release_reservation(void* address);
 
 // A thread runs on a system stack in [base, base + size) from enter to leave; memory released
 // under it meanwhile goes only when it has left.
-void enter_system_stack(void* base, std::size_t size);
-void leave_system_stack(void* base);
+void enter_system_stack(const void* base, std::size_t size);
+void leave_system_stack(const void* base);
 
 // Base and size of the view that holds an address; false when none does.
 bool view_bounds(const void* address, void** base, std::size_t* size);

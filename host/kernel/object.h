@@ -68,6 +68,20 @@ orlix::Handle register_handle(const ObjectRef& object, std::uint64_t flags);
 // The live object behind a handle, or null.
 ObjectRef lookup(orlix::Handle handle);
 
+// The same through the calling thread's cache of recent lookups, without taking the slot's lock.
+// The reference stays valid until the thread's next cached lookup; copy it to keep the object.
+const ObjectRef* lookup_cached(orlix::Handle handle);
+
+// Only a hit of that cache, or null: a few loads, no host code, no write to shared memory. The
+// object stays valid until the thread's next cached lookup.
+Object* find_cached(orlix::Handle handle);
+
+template <typename T> T* find_cached_as(orlix::Handle handle, Kind kind)
+{
+    Object* object = find_cached(handle);
+    return object != nullptr && object->kind() == kind ? static_cast<T*>(object) : nullptr;
+}
+
 template <typename T> std::shared_ptr<T> lookup_as(orlix::Handle handle, Kind kind)
 {
     ObjectRef object = lookup(handle);
@@ -85,6 +99,8 @@ void remove_all_handles(Object& object);
 // Deletes an object: it dies, all its handles go, and its memory goes with the last reference.
 void delete_object(const ObjectRef& object);
 
+// Objects not yet deleted, and handles not yet removed.
 std::uint64_t live_objects();
+std::uint64_t live_handles();
 
 } // namespace host::kernel

@@ -46,11 +46,22 @@ private:
 
 constexpr int MAX_PIPE_HOPS = 8;
 
-orlix::Status send(orlix::Handle handle, const orlix::Message& message)
+// The port behind a handle, kept alive for the caller: a device may delete its own port while it
+// handles a message to it.
+std::shared_ptr<Port> port_at(orlix::Handle handle)
 {
-    auto port = lookup_as<Port>(handle, Kind::port);
+    const ObjectRef* object = lookup_cached(handle);
+    if (object == nullptr || (*object)->kind() != Kind::port)
+        return nullptr;
+    return std::static_pointer_cast<Port>(*object);
+}
+
+orlix::Status send(KThread* self, orlix::Handle handle, const orlix::Message& message)
+{
+    auto port = port_at(handle);
     for (int hop = 0; port && hop < MAX_PIPE_HOPS; ++hop) {
         if (port->handler) {
+            HostCode host(self);
             port->handler(message);
             return orlix::STATUS_DONE;
         }
@@ -74,16 +85,15 @@ orlix::Status send(orlix::Handle handle, const orlix::Message& message)
     return orlix::STATUS_BAD_HANDLE;
 }
 
-orlix::Status receive(orlix::Handle handle, orlix::Message* out, std::int64_t timeout)
+orlix::Status receive(orlix::Handle handle, orlix::Message* out, const Deadline& deadline)
 {
-    auto port = lookup_as<Port>(handle, Kind::port);
+    auto port = port_at(handle);
     if (!port)
         return orlix::STATUS_BAD_HANDLE;
     if (port->handler)
         return orlix::STATUS_BAD_ARGUMENT;
     std::unique_lock lock(port->lock);
-    orlix::Status status =
-        wait_on(lock, port->waiters, *port, timeout, true, [&] { return !port->queue.empty(); });
+    orlix::Status status = wait_on(lock, port->waiters, *port, deadline, [&] { return !port->queue.empty(); });
     if (status == orlix::STATUS_DONE) {
         *out = port->queue.front();
         port->queue.pop_front();
@@ -95,7 +105,7 @@ orlix::Status receive(orlix::Handle handle, orlix::Message* out, std::int64_t ti
 
 orlix::Handle create_service_port(PortHandler handler)
 {
-    return register_handle(std::make_shared<Port>(std::move(handler)), 0);
+    return host_entry([&] { return register_handle(std::make_shared<Port>(std::move(handler)), 0); });
 }
 
 } // namespace host::kernel
@@ -106,31 +116,33 @@ using namespace host::kernel;
 
 Handle _SL_CreateMsgPort(std::uint64_t, std::uint64_t)
 {
-    enter_kernel(current_thread());
-    return register_handle(std::make_shared<Port>(), 0);
+    return host_entry([] { return register_handle(std::make_shared<Port>(), 0); });
 }
 
 Handle _SL_CreateMsgPipe(std::uint64_t, Handle port_a, Handle port_b, std::uint64_t, std::uint64_t)
 {
-    enter_kernel(current_thread());
-    auto a = lookup_as<Port>(port_a, Kind::port);
-    auto b = lookup_as<Port>(port_b, Kind::port);
-    if (!a || !b || a == b || b->handler)
-        return INVALID_HANDLE;
-    {
-        std::lock_guard guard(b->lock);
-        b->forward = a;
-    }
-    return register_handle(std::make_shared<Pipe>(b), 0);
+    return host_entry([port_a, port_b] {
+        auto a = lookup_as<Port>(port_a, Kind::port);
+        auto b = lookup_as<Port>(port_b, Kind::port);
+        if (!a || !b || a == b || b->handler)
+            return INVALID_HANDLE;
+        {
+            std::lock_guard guard(b->lock);
+            b->forward = a;
+        }
+        return register_handle(std::make_shared<Pipe>(b), 0);
+    });
 }
 
+// A send to a device's port runs the device's command here, on the host stack; exceptions that
+// come meanwhile are delivered once it is over. A handler that asked for a repeat gets 310 before
+// anything is sent.
 Status _SL_SendMsg(Handle port, std::uint64_t word1, std::uint64_t type, std::uint64_t word2, std::int64_t)
 {
     KThread* self = current_thread();
-    // A handler that asked for a repeat gets 310 before anything is sent.
-    if (enter_kernel(self))
+    if (enter_interruptible(self))
         return STATUS_REPEAT;
-    Status status = send(port, Message{word1, type, word2});
+    Status status = on_host_stack(self, [&] { return send(self, port, Message{word1, type, word2}); });
     leave_kernel(self);
     return status;
 }
@@ -138,13 +150,12 @@ Status _SL_SendMsg(Handle port, std::uint64_t word1, std::uint64_t type, std::ui
 Status _SL_RecvMsgPtr(Handle port, Message* message, std::int64_t timeout)
 {
     KThread* self = current_thread();
-    if (enter_kernel(self))
+    if (enter_interruptible(self))
         return STATUS_REPEAT;
     if (message == nullptr)
         return STATUS_BAD_ARGUMENT;
-    Status status = receive(port, message, timeout);
-    leave_kernel(self);
-    return status;
+    return blocking_entry(self, true, timeout,
+                          [&](const Deadline& deadline) { return receive(port, message, deadline); });
 }
 
 Status _SL_RecvMsg(Handle port, std::uint64_t* word1, std::uint64_t* type, std::uint64_t* word2,

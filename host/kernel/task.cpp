@@ -4,7 +4,6 @@
 
 #include <array>
 #include <cstdio>
-#include <sys/single_threaded.h>
 #include <unistd.h>
 
 #include "host/kernel/host_kernel.h"
@@ -104,30 +103,34 @@ void set_task_end_hook(std::function<void()> hook)
 
 std::uint64_t live_object_count() { return live_objects(); }
 
+std::uint64_t live_handle_count() { return live_handles(); }
+
 } // namespace host::kernel
 
 namespace orlix {
 
 using namespace host::kernel;
 
+// The thread's own handle and user word are a few instructions: every errno access of the
+// runtime comes through them, so they stay on the caller's stack. Everything else runs its host
+// code on the host stack.
 std::int64_t _SL_GetState(std::uint64_t selector)
 {
     KThread* self = current_thread();
     enter_kernel(self);
-    switch (selector) {
-    case STATE_THREAD:
+    if (selector == STATE_THREAD)
         return self->primary_handle();
-    case STATE_TASK:
-        return the_task().primary_handle();
-    case STATE_TASKS_AS_HANDLES:
-    case STATE_VM_AVAILABLE:
-        return 1;
-    case STATE_SINGLE_THREAD_FLAG:
-        // Every thread of the task is a host thread, so the host's own flag tells.
-        return reinterpret_cast<std::int64_t>(&__libc_single_threaded);
-    default:
-        return selector < STATE_WORDS ? host_state[selector].load(std::memory_order_acquire) : 0;
-    }
+    return on_host_stack(self, [selector]() -> std::int64_t {
+        switch (selector) {
+        case STATE_TASK:
+            return the_task().primary_handle();
+        case STATE_TASKS_AS_HANDLES:
+        case STATE_VM_AVAILABLE:
+            return 1;
+        default:
+            return selector < STATE_WORDS ? host_state[selector].load(std::memory_order_acquire) : 0;
+        }
+    });
 }
 
 Status _SL_SetState(std::uint64_t, std::uint64_t)
@@ -138,9 +141,10 @@ Status _SL_SetState(std::uint64_t, std::uint64_t)
 
 Handle _SL_CreateHandle(std::uint64_t, Handle object, std::uint64_t flags)
 {
-    enter_kernel(current_thread());
-    ObjectRef target = lookup(object);
-    return target ? register_handle(target, flags) : INVALID_HANDLE;
+    return host_entry([object, flags] {
+        ObjectRef target = lookup(object);
+        return target ? register_handle(target, flags) : INVALID_HANDLE;
+    });
 }
 
 Status _SL_GetObjectInfo(Handle object, std::uint64_t selector, std::uint64_t* out)
@@ -153,18 +157,20 @@ Status _SL_GetObjectInfo(Handle object, std::uint64_t selector, std::uint64_t* o
         *out = self->user_word.load(std::memory_order_relaxed);
         return STATUS_DONE;
     }
-    ObjectRef target = lookup(object);
-    if (!target)
-        return STATUS_BAD_HANDLE;
-    if (selector == INFO_USER_WORD && target->kind() == Kind::thread) {
-        *out = static_cast<KThread&>(*target).user_word.load(std::memory_order_acquire);
-        return STATUS_DONE;
-    }
-    if (selector == INFO_TASK_ID && target->kind() == Kind::task) {
-        *out = static_cast<Task&>(*target).id();
-        return STATUS_DONE;
-    }
-    return STATUS_BAD_ARGUMENT;
+    return on_host_stack(self, [=] {
+        ObjectRef target = lookup(object);
+        if (!target)
+            return STATUS_BAD_HANDLE;
+        if (selector == INFO_USER_WORD && target->kind() == Kind::thread) {
+            *out = static_cast<KThread&>(*target).user_word.load(std::memory_order_acquire);
+            return STATUS_DONE;
+        }
+        if (selector == INFO_TASK_ID && target->kind() == Kind::task) {
+            *out = static_cast<Task&>(*target).id();
+            return STATUS_DONE;
+        }
+        return STATUS_BAD_ARGUMENT;
+    });
 }
 
 Status _SL_ControlObject(Handle object, std::uint64_t code, std::uint64_t a, std::uint64_t b, std::uint64_t,
@@ -172,20 +178,22 @@ Status _SL_ControlObject(Handle object, std::uint64_t code, std::uint64_t a, std
 {
     KThread* self = current_thread();
     enter_kernel(self);
-    if (code == CONTROL_SET_USER_WORD && a == 2) {
-        if (object == self->primary_handle()) {
-            self->user_word.store(b, std::memory_order_release);
-            return STATUS_DONE;
-        }
-        auto thread = lookup_as<KThread>(object, Kind::thread);
-        if (!thread)
-            return STATUS_BAD_HANDLE;
-        thread->user_word.store(b, std::memory_order_release);
+    if (code == CONTROL_SET_USER_WORD && a == 2 && object == self->primary_handle()) {
+        self->user_word.store(b, std::memory_order_release);
         return STATUS_DONE;
     }
-    if (code == CONTROL_TASK_DYING)
-        return lookup_as<Task>(object, Kind::task) ? STATUS_DONE : STATUS_BAD_HANDLE;
-    return STATUS_BAD_ARGUMENT;
+    return on_host_stack(self, [=] {
+        if (code == CONTROL_SET_USER_WORD && a == 2) {
+            auto thread = lookup_as<KThread>(object, Kind::thread);
+            if (!thread)
+                return STATUS_BAD_HANDLE;
+            thread->user_word.store(b, std::memory_order_release);
+            return STATUS_DONE;
+        }
+        if (code == CONTROL_TASK_DYING)
+            return lookup_as<Task>(object, Kind::task) ? STATUS_DONE : STATUS_BAD_HANDLE;
+        return STATUS_BAD_ARGUMENT;
+    });
 }
 
 namespace {
@@ -214,7 +222,7 @@ Status _SL_DeleteObject(Handle object, std::uint64_t flags)
 {
     KThread* self = current_thread();
     enter_kernel(self);
-    switch (delete_handle(object, flags, self)) {
+    switch (on_host_stack(self, [=] { return delete_handle(object, flags, self); })) {
     case Deletion::done:
         return STATUS_DONE;
     case Deletion::unknown:
@@ -222,103 +230,105 @@ Status _SL_DeleteObject(Handle object, std::uint64_t flags)
     case Deletion::own_thread:
         end_current_thread();
     case Deletion::own_task:
-        end_task();
+        on_host_stack(self, [] {
+            end_task();
+            return 0;
+        });
     }
     return STATUS_BAD_ARGUMENT;
 }
 
 Handle _SL_CreateThread(std::uint64_t, ThreadEntry entry, void* argument, std::uint64_t, void* stack_top)
 {
-    enter_kernel(current_thread());
-    return create_thread(entry, argument, stack_top);
+    return host_entry([=] { return create_thread(entry, argument, stack_top); });
 }
 
 Handle _SL_CreateMemo(std::uint64_t, std::uint64_t, std::uint64_t size, std::uint64_t)
 {
-    enter_kernel(current_thread());
-    return create_memo(size);
+    return host_entry([size] { return create_memo(size); });
 }
 
 void* _SL_AllocView(std::uint64_t, Handle memo, void* address, std::uint64_t, std::uint64_t, std::uint64_t)
 {
-    enter_kernel(current_thread());
-    return alloc_view(memo, address);
+    return host_entry([=] { return alloc_view(memo, address); });
 }
 
 Handle _SL_GetAddressMemo(std::uint64_t, const void* address, std::uint64_t)
 {
-    enter_kernel(current_thread());
-    return memo_at(address);
+    return host_entry([address] { return memo_at(address); });
 }
 
 Handle _SL_GetAddressView(std::uint64_t, const void* address, std::uint64_t)
 {
-    enter_kernel(current_thread());
-    void* base;
-    std::size_t size;
-    return view_bounds(address, &base, &size) ? reinterpret_cast<Handle>(base) : INVALID_HANDLE;
+    return host_entry([address] {
+        void* base;
+        std::size_t size;
+        return view_bounds(address, &base, &size) ? reinterpret_cast<Handle>(base) : INVALID_HANDLE;
+    });
 }
 
 void* _SL_VirtualAlloc(std::uint64_t, void*, std::uint64_t size, std::uint64_t)
 {
-    enter_kernel(current_thread());
-    return reserve(size);
+    return host_entry([size] { return reserve(size); });
 }
 
 Status _SL_VirtualFree(std::uint64_t, void* address, std::uint64_t)
 {
-    enter_kernel(current_thread());
-    return release_reservation(address);
+    return host_entry([address] { return release_reservation(address); });
 }
 
 Status _SL_CreateStore(Handle task, std::uint64_t index, std::uint64_t value, std::uint64_t)
 {
-    enter_kernel(current_thread());
-    auto target = lookup_as<Task>(task, Kind::task);
-    if (!target)
-        return STATUS_BAD_HANDLE;
-    if (index >= target->store.size())
-        return STATUS_BAD_ARGUMENT;
-    target->store[index].store(value, std::memory_order_release);
-    return STATUS_DONE;
+    return host_entry([=] {
+        auto target = lookup_as<Task>(task, Kind::task);
+        if (!target)
+            return STATUS_BAD_HANDLE;
+        if (index >= target->store.size())
+            return STATUS_BAD_ARGUMENT;
+        target->store[index].store(value, std::memory_order_release);
+        return STATUS_DONE;
+    });
 }
 
 Status _SL_GetStore(std::uint64_t, std::uint64_t index, std::uint64_t* out)
 {
-    enter_kernel(current_thread());
-    Task& task = the_task();
-    if (out == nullptr || index >= task.store.size())
-        return STATUS_BAD_ARGUMENT;
-    *out = task.store[index].load(std::memory_order_acquire);
-    return STATUS_DONE;
+    return host_entry([=] {
+        Task& task = the_task();
+        if (out == nullptr || index >= task.store.size())
+            return STATUS_BAD_ARGUMENT;
+        *out = task.store[index].load(std::memory_order_acquire);
+        return STATUS_DONE;
+    });
 }
 
 Handle _SL_CreateWatchObject(Handle task, Handle port, Handle watched, std::uint64_t)
 {
-    enter_kernel(current_thread());
-    auto owner = lookup_as<Task>(task, Kind::task);
-    auto target = lookup_as<Task>(watched, Kind::task);
-    if (!owner || !target || !lookup(port))
-        return INVALID_HANDLE;
-    auto watch = std::make_shared<Watch>(port);
-    Handle handle = register_handle(watch, 0);
-    if (handle == INVALID_HANDLE)
-        return INVALID_HANDLE;
-    std::lock_guard guard(target->watch_lock);
-    target->watches.push_back(watch);
-    return handle;
+    return host_entry([=] {
+        auto owner = lookup_as<Task>(task, Kind::task);
+        auto target = lookup_as<Task>(watched, Kind::task);
+        if (!owner || !target || !lookup(port))
+            return INVALID_HANDLE;
+        auto watch = std::make_shared<Watch>(port);
+        Handle handle = register_handle(watch, 0);
+        if (handle == INVALID_HANDLE)
+            return INVALID_HANDLE;
+        std::lock_guard guard(target->watch_lock);
+        target->watches.push_back(watch);
+        return handle;
+    });
 }
 
 Status _SL_SetExceptionHandler(std::uint64_t, std::uint64_t exception_class, ExceptionHandler handler, void* table)
 {
-    enter_kernel(current_thread());
-    if (exception_class != EXCEPTION_SYSTEM && exception_class != EXCEPTION_USER)
-        return STATUS_BAD_ARGUMENT;
-    Task& task = the_task();
-    std::size_t i = class_index(exception_class);
-    task.tables[i].store(table, std::memory_order_release);
-    task.handlers[i].store(handler, std::memory_order_release);
-    return STATUS_DONE;
+    return host_entry([=] {
+        if (exception_class != EXCEPTION_SYSTEM && exception_class != EXCEPTION_USER)
+            return STATUS_BAD_ARGUMENT;
+        Task& task = the_task();
+        std::size_t i = class_index(exception_class);
+        task.tables[i].store(table, std::memory_order_release);
+        task.handlers[i].store(handler, std::memory_order_release);
+        return STATUS_DONE;
+    });
 }
 
 void _SL_RetException(std::uint64_t status, std::uint64_t word)

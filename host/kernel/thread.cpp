@@ -1,7 +1,9 @@
 // Kernel threads on Linux. A thread made by _SL_CreateThread is a host thread that keeps the
-// host's own bookkeeping on a small host stack and runs its entry on the stack the caller gave,
-// reached by a context switch; ending the thread switches back. Exceptions are delivered at kernel
-// entry and during waits, and a handler leaves through a jump back to its delivery frame.
+// host's own bookkeeping on a host stack and runs its entry on the stack the caller gave, reached
+// by a context switch; ending the thread switches back. Kernel entries run their host code on the
+// idle part of the host stack, reached by a plain switch of the stack pointer. Exceptions are
+// delivered at kernel entry and during waits, always on the thread's own stack, and a handler
+// leaves through a jump back to its delivery frame.
 #include "host/kernel/thread.h"
 
 #include <climits>
@@ -45,6 +47,9 @@ thread_local AdoptedThread adopted;
 constexpr int SPINS_BEFORE_SLEEP = 64;
 constexpr std::size_t HOST_STACK_FOR_SWITCHED = 256 * 1024;
 constexpr std::size_t FALLBACK_SYSTEM_STACK = 16 * 1024;
+// Left alone below the frame that switches to the system stack: the switch's own frames (the
+// sanitizer's interceptor of swapcontext among them) stay live there meanwhile.
+constexpr std::size_t SWITCH_FRAMES = 4096;
 
 long futex(std::atomic<std::uint32_t>* word, int op, std::uint32_t value, const timespec* timeout)
 {
@@ -71,9 +76,47 @@ void finish_fiber_switch([[maybe_unused]] void* fake_stack, [[maybe_unused]] con
 void system_stack_main()
 {
     KThread* self = self_thread;
-    finish_fiber_switch(nullptr, &self->host_stack_bottom, &self->host_stack_size);
+    finish_fiber_switch(nullptr, nullptr, nullptr);
     self->entry(self->argument);
     end_current_thread();
+}
+
+// An address below the caller's frame.
+[[gnu::noinline]] char* below_caller()
+{
+    return static_cast<char*>(__builtin_frame_address(0));
+}
+
+// The bounds of the calling host thread's stack.
+void host_stack_bounds(KThread* self)
+{
+    pthread_attr_t attributes;
+    void* bottom = nullptr;
+    std::size_t size = 0;
+    if (pthread_getattr_np(pthread_self(), &attributes) == 0) {
+        pthread_attr_getstack(&attributes, &bottom, &size);
+        pthread_attr_destroy(&attributes);
+    }
+    self->host_stack_bottom = bottom;
+    self->host_stack_size = size;
+}
+
+// The system stack's bounds were taken when the thread was made.
+void run_on_system_stack(KThread* self)
+{
+    void* base = const_cast<void*>(self->system_stack_bottom);
+    std::size_t usable = self->system_stack_size;
+    host_stack_bounds(self);
+    auto top = reinterpret_cast<std::uintptr_t>(below_caller()) - SWITCH_FRAMES;
+    self->host_entry_top = reinterpret_cast<char*>(top & ~std::uintptr_t{15});
+    getcontext(&self->system_context);
+    self->system_context.uc_stack.ss_sp = base;
+    self->system_context.uc_stack.ss_size = usable;
+    self->system_context.uc_link = nullptr;
+    makecontext(&self->system_context, system_stack_main, 0);
+    start_fiber_switch(&self->host_fake_stack, base, usable);
+    swapcontext(&self->host_context, &self->system_context);
+    finish_fiber_switch(self->host_fake_stack, nullptr, nullptr);
 }
 
 void* host_thread_main(void* raw)
@@ -83,24 +126,77 @@ void* host_thread_main(void* raw)
     holder.reset();
     KThread* self = record.get();
     self_thread = self;
-    if (self->stack_top == nullptr) {
+    if (self->stack_top == nullptr)
         self->entry(self->argument);
-    } else if (!ending(self)) {
-        getcontext(&self->system_context);
-        self->system_context.uc_stack.ss_sp = self->system_stack_base;
-        self->system_context.uc_stack.ss_size = self->system_stack_size;
-        self->system_context.uc_link = nullptr;
-        makecontext(&self->system_context, system_stack_main, 0);
-        start_fiber_switch(&self->sanitizer_fake_stack, self->system_stack_base, self->system_stack_size);
-        swapcontext(&self->host_context, &self->system_context);
-        finish_fiber_switch(self->sanitizer_fake_stack, nullptr, nullptr);
-    }
+    else if (!ending(self))
+        run_on_system_stack(self);
     if (self->stack_top != nullptr)
-        leave_system_stack(self->system_stack_base);
+        leave_system_stack(self->system_stack_bottom);
     self_thread = nullptr;
     delete_object(record);
     return nullptr;
 }
+
+struct HostCall {
+    KThread* self;
+    void (*fn)(void*);
+    void* arg;
+};
+
+// First and last code of an entry's stay on the host stack.
+void run_host_call(void* raw)
+{
+    auto* call = static_cast<HostCall*>(raw);
+    KThread* self = call->self;
+    finish_fiber_switch(self->host_fake_stack, nullptr, nullptr);
+    call->fn(call->arg);
+    start_fiber_switch(&self->host_fake_stack, self->system_stack_bottom, self->system_stack_size);
+}
+
+} // namespace
+
+// host_kernel_call_on_stack(arg, fn, top): calls fn(arg) with the stack pointer at top (16-byte
+// aligned) and comes back to the caller's stack. The frame pointer links the two stacks for
+// debuggers and unwinders.
+#if defined(__x86_64__)
+asm(R"(
+    .pushsection .text
+    .p2align 4
+    .type host_kernel_call_on_stack, @function
+host_kernel_call_on_stack:
+    .cfi_startproc
+    pushq %rbp
+    .cfi_def_cfa_offset 16
+    .cfi_offset %rbp, -16
+    movq %rsp, %rbp
+    .cfi_def_cfa_register %rbp
+    movq %rdx, %rsp
+    callq *%rsi
+    movq %rbp, %rsp
+    popq %rbp
+    .cfi_def_cfa %rsp, 8
+    retq
+    .cfi_endproc
+    .size host_kernel_call_on_stack, .-host_kernel_call_on_stack
+    .popsection
+)");
+#else
+#error "the switch to the host stack is written for x86-64 only"
+#endif
+
+extern "C" void host_kernel_call_on_stack(void* arg, void (*fn)(void*), void* top);
+
+void call_on_host_stack(KThread* self, void (*fn)(void*), void* arg)
+{
+    HostCall call{self, fn, arg};
+    self->on_host_stack = true;
+    start_fiber_switch(&self->system_fake_stack, self->host_stack_bottom, self->host_stack_size);
+    host_kernel_call_on_stack(&call, run_host_call, self->host_entry_top);
+    finish_fiber_switch(self->system_fake_stack, nullptr, nullptr);
+    self->on_host_stack = false;
+}
+
+namespace {
 
 // Delivers one exception; gives the handler's status.
 std::uint64_t deliver(KThread* self, const PendingException& exception)
@@ -108,7 +204,10 @@ std::uint64_t deliver(KThread* self, const PendingException& exception)
     HandlerEntry entry = exception_handler(exception.exception_class);
     if (entry.handler == nullptr) {
         if (exception.exception_class == orlix::EXCEPTION_SYSTEM)
-            end_task();
+            on_host_stack(self, [] {
+                end_task();
+                return 0;
+            });
         return 0;
     }
     DeliveryFrame frame{};
@@ -118,6 +217,19 @@ std::uint64_t deliver(KThread* self, const PendingException& exception)
         frame.status = entry.handler(entry.table, exception.number, exception.argument, &frame.word, 0, 0);
     self->frames = frame.outer;
     return frame.status;
+}
+
+// The oldest pending exception; false (and no attention left) when there is none.
+bool take_pending(KThread* self, PendingException* out)
+{
+    std::lock_guard guard(self->pending_lock);
+    if (self->pending.empty()) {
+        self->attention.store(false, std::memory_order_seq_cst);
+        return false;
+    }
+    *out = self->pending.front();
+    self->pending.pop_front();
+    return true;
 }
 
 } // namespace
@@ -180,24 +292,16 @@ KThread* current_thread()
     return self_thread;
 }
 
-bool attend(KThread* self)
+void attend(KThread* self)
 {
-    bool repeat = false;
     for (;;) {
         if (self->delete_requested.load(std::memory_order_acquire))
-            return repeat;
+            return;
         PendingException exception;
-        {
-            std::lock_guard guard(self->pending_lock);
-            if (self->pending.empty()) {
-                self->attention.store(false, std::memory_order_seq_cst);
-                return repeat;
-            }
-            exception = self->pending.front();
-            self->pending.pop_front();
-        }
+        if (!on_host_stack(self, [&] { return take_pending(self, &exception); }))
+            return;
         if (deliver(self, exception) == 1)
-            repeat = true;
+            self->repeat_requested = true;
     }
 }
 
@@ -235,14 +339,14 @@ orlix::Handle create_thread(orlix::ThreadEntry entry, void* argument, void* stac
         std::size_t size = 0;
         if (!view_bounds(static_cast<char*>(stack_top) - 1, &base, &size))
             base = static_cast<char*>(stack_top) - FALLBACK_SYSTEM_STACK;
-        record->system_stack_base = base;
+        record->system_stack_bottom = base;
         record->system_stack_size = static_cast<std::size_t>(static_cast<char*>(stack_top) - static_cast<char*>(base));
     }
     orlix::Handle handle = register_handle(record, 0);
     if (handle == orlix::INVALID_HANDLE)
         return orlix::INVALID_HANDLE;
     if (stack_top != nullptr)
-        enter_system_stack(record->system_stack_base, record->system_stack_size);
+        enter_system_stack(record->system_stack_bottom, record->system_stack_size);
 
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
@@ -258,7 +362,7 @@ orlix::Handle create_thread(orlix::ThreadEntry entry, void* argument, void* stac
     pthread_attr_destroy(&attributes);
     if (failed != 0) {
         if (stack_top != nullptr)
-            leave_system_stack(record->system_stack_base);
+            leave_system_stack(record->system_stack_bottom);
         delete holder;
         delete_object(record);
         return orlix::INVALID_HANDLE;
@@ -302,7 +406,7 @@ KThread* WaitList::pop()
     return thread;
 }
 
-std::optional<Clock::time_point> deadline_after(std::int64_t timeout_ms)
+Deadline deadline_after(std::int64_t timeout_ms)
 {
     if (timeout_ms < 0)
         return std::nullopt;

@@ -9,6 +9,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <type_traits>
 #include <ucontext.h>
 
 #include "host/kernel/object.h"
@@ -53,6 +54,12 @@ public:
     std::mutex pending_lock;
     std::deque<PendingException> pending;
     DeliveryFrame* frames = nullptr;
+    // Touched by the thread itself only. While host_depth is non-zero the thread runs host device
+    // code, which may hold host locks: exceptions and the thread's end wait until it leaves. A
+    // handler's request to end a wait with 310 that no wait could take yet waits in
+    // repeat_requested for the thread's next wait that may end so.
+    int host_depth = 0;
+    bool repeat_requested = false;
 
     // Link in the wait list of the object the thread waits on.
     KThread* wait_next = nullptr;
@@ -63,13 +70,20 @@ public:
     orlix::ThreadEntry entry = nullptr;
     void* argument = nullptr;
     void* stack_top = nullptr;
-    void* system_stack_base = nullptr;
-    std::size_t system_stack_size = 0;
     ucontext_t host_context{};
     ucontext_t system_context{};
-    void* sanitizer_fake_stack = nullptr;
+
+    // The two stacks of a thread that runs on a system stack: kernel entries run their host code
+    // on the host stack below the frame that switched away from it (host_entry_top, null for a
+    // thread without a system stack). Bounds and saved fake stacks serve the sanitizer's fibers.
+    char* host_entry_top = nullptr;
+    bool on_host_stack = false;
     const void* host_stack_bottom = nullptr;
     std::size_t host_stack_size = 0;
+    const void* system_stack_bottom = nullptr;
+    std::size_t system_stack_size = 0;
+    void* host_fake_stack = nullptr;
+    void* system_fake_stack = nullptr;
 
     void raise(const PendingException& exception);
 
@@ -80,9 +94,9 @@ private:
 // The calling thread's record; a host thread that has none is taken over as a kernel thread.
 KThread* current_thread();
 
-// Delivers the thread's pending exceptions, unless the thread was deleted. True when a handler
-// asked the interrupted call to be repeated (returned status 1).
-bool attend(KThread* self);
+// Delivers the thread's pending exceptions, unless the thread was deleted, on the thread's own
+// stack. A handler that returned status 1 leaves repeat_requested set.
+void attend(KThread* self);
 
 // Ends the calling kernel thread; the caller holds no lock and no reference on its own stack.
 [[noreturn]] void end_current_thread();
@@ -90,23 +104,62 @@ bool attend(KThread* self);
 inline bool ending(KThread* self) { return self->delete_requested.load(std::memory_order_acquire); }
 
 // First step of every kernel entry, before it holds anything: a deleted thread ends here, and
-// pending exceptions run. True when a handler asked the call to be repeated.
-inline bool enter_kernel(KThread* self)
+// pending exceptions run, unless the caller is host device code.
+inline void enter_kernel(KThread* self)
 {
-    if (!self->attention.load(std::memory_order_acquire))
-        return false;
-    bool repeat = attend(self);
+    if (self->host_depth > 0 || !self->attention.load(std::memory_order_acquire))
+        return;
+    attend(self);
     if (ending(self))
         end_current_thread();
-    return repeat;
 }
 
-// Last step of every entry that can wait, after its locals are gone: a thread deleted meanwhile
-// ends here rather than deep inside a wait.
-inline void leave_kernel(KThread* self)
+// The same for an entry that may end with 310: true when a handler asked for that, now or since
+// the thread's last such entry.
+inline bool enter_interruptible(KThread* self)
 {
-    if (ending(self))
-        end_current_thread();
+    enter_kernel(self);
+    if (self->host_depth > 0 || !self->repeat_requested)
+        return false;
+    self->repeat_requested = false;
+    return true;
+}
+
+// Last step of an entry that ran host code or waited, back on the thread's own stack: what was
+// held back meanwhile is delivered, and a thread deleted meanwhile ends here.
+inline void leave_kernel(KThread* self) { enter_kernel(self); }
+
+// Marks the calling thread as running host device code for the life of the guard.
+class HostCode {
+public:
+    explicit HostCode(KThread* self) : self_(self) { ++self_->host_depth; }
+    ~HostCode() { --self_->host_depth; }
+    HostCode(const HostCode&) = delete;
+    HostCode& operator=(const HostCode&) = delete;
+
+private:
+    KThread* self_;
+};
+
+// Calls fn(arg) on the calling thread's host stack, switching to it and back.
+void call_on_host_stack(KThread* self, void (*fn)(void*), void* arg);
+
+// Runs body() on the thread's host stack, so that host code never runs on a system stack; a thread
+// without one, or already on its host stack, runs it where it is. Gives body's result.
+template <typename Body> auto on_host_stack(KThread* self, Body&& body)
+{
+    using Result = decltype(body());
+    if (self->host_entry_top == nullptr || self->on_host_stack)
+        return body();
+    struct Call {
+        std::remove_reference_t<Body>* body;
+        Result result;
+    } call{&body, Result{}};
+    call_on_host_stack(self, [](void* raw) {
+        auto* c = static_cast<Call*>(raw);
+        c->result = (*c->body)();
+    }, &call);
+    return call.result;
 }
 
 orlix::Handle create_thread(orlix::ThreadEntry entry, void* argument, void* stack_top);
@@ -123,6 +176,14 @@ private:
     KThread* head_ = nullptr;
     KThread* tail_ = nullptr;
 };
+
+// A kernel entry that runs host code and never waits: body runs on the host stack.
+template <typename Body> auto host_entry(Body&& body)
+{
+    KThread* self = current_thread();
+    enter_kernel(self);
+    return on_host_stack(self, body);
+}
 
 // An object threads wait on: its lock, the threads waiting, and deletion waking them all.
 class Waitable : public Object {
@@ -142,18 +203,23 @@ protected:
 };
 
 using Clock = std::chrono::steady_clock;
-std::optional<Clock::time_point> deadline_after(std::int64_t timeout_ms);
+using Deadline = std::optional<Clock::time_point>;
+Deadline deadline_after(std::int64_t timeout_ms);
 
-// The wait of every blocking entry. Called and left with `lock` held. Returns DONE when ready()
-// holds (the caller then takes what it waited for), TIMEOUT, DELETED when the object died, or
-// REPEAT when an exception handler asked for it and repeat_allowed is set. Exceptions are
-// delivered with the lock released. When it gives up while ready() holds, it passes the wake on.
+// The kernel's own status of a wait that stops for an exception to be delivered; never returned
+// by an entry.
+inline constexpr orlix::Status STATUS_ATTEND = ~orlix::Status{0};
+
+// The wait of every blocking entry, on the host stack. Called and left with `lock` held. Returns
+// DONE when ready() holds (the caller then takes what it waited for), TIMEOUT, DELETED when the
+// object died or the thread is being deleted, or ATTEND when an exception is to be delivered
+// (never while the thread runs host device code). When it gives up while ready() holds, it passes
+// the wake on.
 template <typename Ready>
 orlix::Status wait_on(std::unique_lock<std::mutex>& lock, WaitList& waiters, const Object& object,
-                      std::int64_t timeout_ms, bool repeat_allowed, Ready ready)
+                      const Deadline& deadline, Ready ready)
 {
     KThread* self = current_thread();
-    auto deadline = deadline_after(timeout_ms);
     auto give_up = [&](orlix::Status status) {
         if (ready())
             if (KThread* next = waiters.pop())
@@ -166,14 +232,8 @@ orlix::Status wait_on(std::unique_lock<std::mutex>& lock, WaitList& waiters, con
             return orlix::STATUS_DELETED;
         if (ready())
             return orlix::STATUS_DONE;
-        if (self->attention.load(std::memory_order_seq_cst)) {
-            lock.unlock();
-            bool repeat = attend(self);
-            lock.lock();
-            if (repeat && repeat_allowed)
-                return give_up(orlix::STATUS_REPEAT);
-            continue;
-        }
+        if (self->host_depth == 0 && self->attention.load(std::memory_order_seq_cst))
+            return give_up(STATUS_ATTEND);
         if (deadline && Clock::now() >= *deadline)
             return give_up(orlix::STATUS_TIMEOUT);
         waiters.push(self);
@@ -181,6 +241,36 @@ orlix::Status wait_on(std::unique_lock<std::mutex>& lock, WaitList& waiters, con
         self->parker.park(deadline);
         lock.lock();
         waiters.remove(self);
+    }
+}
+
+// A blocking entry: runs wait(deadline) on the host stack until it ends for good. An exception
+// that stops it is delivered here, on the thread's own stack; then, unless the entry is
+// interruptible and a handler asked for 310, the wait goes on with its original deadline.
+template <typename Wait>
+orlix::Status blocking_entry(KThread* self, bool interruptible, std::int64_t timeout_ms, Wait wait)
+{
+    Deadline deadline;
+    bool started = false;
+    for (;;) {
+        orlix::Status status = on_host_stack(self, [&] {
+            if (!started) {
+                deadline = deadline_after(timeout_ms);
+                started = true;
+            }
+            return wait(deadline);
+        });
+        if (status != STATUS_ATTEND) {
+            leave_kernel(self);
+            return status;
+        }
+        attend(self);
+        if (ending(self))
+            end_current_thread();
+        if (interruptible && self->repeat_requested) {
+            self->repeat_requested = false;
+            return orlix::STATUS_REPEAT;
+        }
     }
 }
 

@@ -57,9 +57,9 @@ struct TcpClient : Open {
         std::memcpy(at(ADDRESS), v, n);
         return run(orlix::TCP_SETOPT);
     }
-    void begin_accept(std::int32_t s)
+    void begin_accept(std::int32_t s, std::uint32_t length = 16)
     {
-        *params<orlix::TcpAcceptParams>() = {s, -1, 16, 0, at(ADDRESS)};
+        *params<orlix::TcpAcceptParams>() = {s, -1, length, 0, at(ADDRESS)};
         req->command = orlix::TCP_ACCEPT;
         req->params = at(PARAMS);
         begin(req);

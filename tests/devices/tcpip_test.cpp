@@ -78,14 +78,17 @@ TEST_F(Tcpip, AcceptWaitsForAConnectionAndReportsThePeer)
     *tcp.params<orlix::TcpListenParams>() = {listener, 8};
     ASSERT_EQ(tcp.run(orlix::TCP_LISTEN), MSG_IO_DONE);
     orlix::sockaddr_in local{}, peer{};
-    ASSERT_EQ(tcp.address_command(orlix::TCP_GETNAME, listener, local), MSG_IO_DONE);
-    EXPECT_EQ(local.sin_addr, htonl(INADDR_LOOPBACK));
+    // A caller's buffer larger than the address: the length comes back as the address's own.
+    ASSERT_EQ(tcp.address_command(orlix::TCP_GETNAME, listener, local, 32), MSG_IO_DONE);
+    EXPECT_EQ(tcp.params<orlix::TcpAddressParams>()->length, 16u);
+    EXPECT_EQ(std::pair(local.sin_family, local.sin_addr), std::pair(std::uint16_t{2}, htonl(INADDR_LOOPBACK)));
     std::uint16_t port = ntohs(local.sin_port);
 
-    tcp.begin_accept(listener);
+    tcp.begin_accept(listener, 24);
     expect_quiet();
     int client = devtest::host_connect(port);
     ASSERT_EQ(next(), MSG_IO_DONE);
+    EXPECT_EQ(tcp.params<orlix::TcpAcceptParams>()->length, 16u) << "the address length comes back";
     std::int32_t accepted = tcp.params<orlix::TcpAcceptParams>()->new_socket;
     EXPECT_TRUE(accepted > 0 && accepted != listener) << accepted;
     sockaddr_in mine{};
@@ -265,6 +268,11 @@ TEST_F(Tcpip, BadInputIsRefusedWithTheRightStatus)
         {[&] { return tcp.close_socket(12345678); }, orlix::TCP_STATUS_NOT_SOCKET},
         {[&] { return tcp.run(0xc00500ff); }, 2},
         {[&] { return tcp.to_port(orlix::TCP_BIND, s, 0, 8); }, orlix::TCP_STATUS_INVALID},
+        // Not connected yet, or connected already.
+        {[&] { orlix::sockaddr_in a{}; return tcp.address_command(orlix::TCP_GETPEER, s, a); },
+         orlix::TCP_STATUS_NOT_CONNECTED},
+        {[&] { return tcp.send(s, "x", 1); }, orlix::TCP_STATUS_NOT_CONNECTED},
+        {[&] { return tcp.connect(c, taken); }, orlix::TCP_STATUS_CONNECTED},
         {[&] { return tcp.bind(s, taken); }, orlix::TCP_STATUS_ADDRESS_IN_USE}, // a host listener holds it
         {[&] { ::close(host); return tcp.connect(s, taken); }, 0xbe00003c},     // nobody listens there now
         // Pointers outside the block, or lengths running past its end.

@@ -61,9 +61,10 @@ inline IOreq* create_block(Device* device, std::uint64_t size, Handle reply)
     return req;
 }
 
+// The block is gone once the message is sent: nothing of it is read afterwards.
 inline bool delete_block(IOreq* req)
 {
-    Device* device = req->device; // the block is gone once the device has taken the message
+    Device* device = req->device;
     _SL_SendMsg(device->request_port, reinterpret_cast<std::uint64_t>(device), MSG_IOREQ_DELETE, req->id, -1);
     return receive(device->create_reply_port).type == MSG_IOREQ_DELETED;
 }

@@ -1,8 +1,11 @@
 // The host kernel as its callers rely on it: handles, ports and pipes, semaphores, events, memos
-// and reservations, threads on given stacks, the per-task store, exceptions, and the mutex on top.
+// and reservations, threads on given stacks, the per-task store.
 #include <atomic>
 #include <chrono>
 #include <csignal>
+#include <cstdio>
+#include <fstream>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -11,44 +14,14 @@
 #include "host/kernel/host_kernel.h"
 #include "platform/kernel.h"
 #include "platform/kernel_wrappers.h"
-#include "platform/mutex.h"
+#include "tests/kernel/kernel_test_util.h"
 
-using namespace orlix;
-using Clock = std::chrono::steady_clock;
-
-namespace {
-
-// Live objects once this thread and the task exist.
-std::uint64_t live_objects()
-{
-    _SL_GetState(STATE_TASK);
-    return host::kernel::live_object_count();
-}
-
-std::int64_t elapsed_ms(Clock::time_point since)
-{
-    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - since).count();
-}
-
-// A kernel thread on a stack of its own memo; the memo is released when the test is over.
-struct OwnStack {
-    explicit OwnStack(std::size_t size) : size(size)
-    {
-        memo = _SL_CreateMemo(0, 0, size, 0);
-        base = static_cast<char*>(_SL_AllocView(0, memo, nullptr, 0, 0, 0));
-    }
-    ~OwnStack() { DeleteMemo(memo, 0x20000); }
-    void* top() const { return base + size; }
-    std::size_t size;
-    Handle memo;
-    char* base;
-};
-
-} // namespace
+using namespace ktest;
 
 TEST(KernelHandles, FurtherHandlesShareTheObjectAndDeletionReachesAll)
 {
     std::uint64_t before = live_objects();
+    const std::uint64_t handles = host::kernel::live_handle_count();
     Handle port = _SL_CreateMsgPort(0, 0);
     ASSERT_NE(port, INVALID_HANDLE);
     Handle further = _SL_CreateHandle(0, port, 0x40004);
@@ -70,8 +43,16 @@ TEST(KernelHandles, FurtherHandlesShareTheObjectAndDeletionReachesAll)
     EXPECT_EQ(_SL_SendMsg(again, 0, 0, 0, -1), STATUS_BAD_HANDLE);
     EXPECT_EQ(_SL_SendMsg(port, 0, 0, 0, -1), STATUS_BAD_HANDLE);
     EXPECT_EQ(_SL_CreateHandle(0, INVALID_HANDLE, 0), INVALID_HANDLE);
+    // A slot used again gives a new handle: the old one names nothing.
+    Handle gone = _SL_CreateMsgPort(0, 0);
+    DeleteMsgPort(gone);
+    Handle next = _SL_CreateMsgPort(0, 0);
+    EXPECT_NE(next, gone);
+    EXPECT_EQ(_SL_SendMsg(gone, 0, 0, 0, -1), STATUS_BAD_HANDLE);
+    DeleteMsgPort(next);
     EXPECT_EQ(_SL_DeleteObject(12345, DELETE_OBJECT), STATUS_BAD_HANDLE);
     EXPECT_EQ(host::kernel::live_object_count(), before);
+    EXPECT_EQ(host::kernel::live_handle_count(), handles);
 }
 
 TEST(KernelPorts, FifoTimeoutsAndPipes)
@@ -107,6 +88,25 @@ TEST(KernelPorts, FifoTimeoutsAndPipes)
     sender.join();
     EXPECT_EQ(_SL_RecvMsgPtr(b, &m, 0), STATUS_TIMEOUT);
 
+    // Two threads waiting on one port: two sends wake both at once, each with one message, however
+    // far the first has come when the second message arrives.
+    for (int round = 0; round < 20; ++round) {
+        std::atomic<int> woken{0};
+        std::vector<std::thread> receivers;
+        for (int i = 0; i < 2; ++i)
+            receivers.emplace_back([&] {
+                Message got{};
+                if (_SL_RecvMsgPtr(a, &got, 5000) == STATUS_DONE && got.type == 9)
+                    ++woken;
+            });
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        _SL_SendMsg(a, 0, 9, 1, -1);
+        _SL_SendMsg(a, 0, 9, 2, -1);
+        EXPECT_TRUE(wait_until([&] { return woken == 2; }, 1000)) << "round " << round << ": a receiver slept on";
+        for (auto& receiver : receivers)
+            receiver.join();
+    }
+
     // Deleting a port ends a wait on it.
     std::thread deleter([&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -129,6 +129,55 @@ TEST(KernelSync, SemaphoresKeepSignalsAndEventsFollowTheirModes)
     EXPECT_EQ(_SL_WaitSemaphore(s, 1, 30), STATUS_TIMEOUT);
     DeleteSemaphore(s);
 
+    // Three waiters that sleep: each signal lets exactly one through, a signal of two lets two,
+    // and a wait that times out meanwhile takes none.
+    Handle shared = _SL_CreateSemaphore(0, 0, 1, 0);
+    std::atomic<int> through{0};
+    std::vector<std::thread> waiters;
+    for (int i = 0; i < 3; ++i)
+        waiters.emplace_back([&] {
+            if (_SL_WaitSemaphore(shared, 1, 5000) == STATUS_DONE)
+                ++through;
+        });
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    EXPECT_EQ(_SL_WaitSemaphore(shared, 1, 10), STATUS_TIMEOUT);
+    EXPECT_EQ(through, 0);
+    _SL_SignalSemaphore(shared, 1);
+    EXPECT_TRUE(wait_until([&] { return through == 1; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(through, 1);
+    _SL_SignalSemaphore(shared, 2);
+    EXPECT_TRUE(wait_until([&] { return through == 3; }, 1000)) << "a signal of two woke one";
+    for (auto& waiter : waiters)
+        waiter.join();
+    // Two signals in a row while the first woken waiter may still be on its way: both get
+    // through, in every round.
+    for (int round = 0; round < 10; ++round) {
+        waiters.clear();
+        through = 0;
+        for (int i = 0; i < 3; ++i)
+            waiters.emplace_back([&] {
+                if (_SL_WaitSemaphore(shared, 1, 5000) == STATUS_DONE)
+                    ++through;
+            });
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        _SL_SignalSemaphore(shared, 1);
+        _SL_SignalSemaphore(shared, 1);
+        EXPECT_TRUE(wait_until([&] { return through == 2; }, 1000)) << "round " << round << ": a signal was lost";
+        _SL_SignalSemaphore(shared, 1);
+        for (auto& waiter : waiters)
+            waiter.join();
+    }
+    EXPECT_EQ(_SL_WaitSemaphore(shared, 1, 0), STATUS_TIMEOUT);
+    // Deleting a semaphore ends its waits.
+    std::thread deleter([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        DeleteSemaphore(shared);
+    });
+    EXPECT_EQ(_SL_WaitSemaphore(shared, 1, 5000), STATUS_DELETED);
+    deleter.join();
+    EXPECT_EQ(_SL_SignalSemaphore(shared, 1), STATUS_BAD_HANDLE);
+
     Message record{};
     Handle set = _SL_CreateEvent(0, EVENT_STARTS_SET);
     EXPECT_EQ(_SL_WaitForEventPtr(set, &record, 0), STATUS_DONE);
@@ -140,6 +189,23 @@ TEST(KernelSync, SemaphoresKeepSignalsAndEventsFollowTheirModes)
     EXPECT_EQ(_SL_SetEvent(pulse, 0, 0, 0), STATUS_DONE);
     EXPECT_EQ(_SL_WaitForEventPtr(pulse, &record, 0), STATUS_DONE);
     EXPECT_EQ(_SL_WaitForEventPtr(pulse, &record, 0), STATUS_TIMEOUT);
+
+    // A set wakes every waiter of an event that stays set.
+    Handle open_gate = _SL_CreateEvent(0, 0);
+    std::atomic<int> passed{0};
+    std::vector<std::thread> at_gate;
+    for (int i = 0; i < 2; ++i)
+        at_gate.emplace_back([&] {
+            Message r{};
+            if (_SL_WaitForEventPtr(open_gate, &r, 5000) == STATUS_DONE)
+                ++passed;
+        });
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    _SL_SetEvent(open_gate, 0, 0, 0);
+    EXPECT_TRUE(wait_until([&] { return passed == 2; }, 1000)) << "a waiter stayed at the gate";
+    for (auto& waiter : at_gate)
+        waiter.join();
+    DeleteEvent(open_gate);
 
     // A gate: the waiter is released by the deletion of the event.
     Handle gate = _SL_CreateEvent(0, 0);
@@ -167,6 +233,8 @@ TEST(KernelMemory, MemosViewsAndTheirCache)
     view[99999] = 2;
     EXPECT_EQ(_SL_GetAddressMemo(0, view, 2), memo);
     EXPECT_EQ(_SL_GetAddressMemo(0, view + 5000, 2), memo);
+    EXPECT_EQ(_SL_GetAddressMemo(0, view + 102399, 2), memo); // the memo's last page
+    EXPECT_NE(_SL_GetAddressMemo(0, view + 102400, 2), memo); // the byte past the view
     EXPECT_EQ(_SL_AllocView(0, memo, nullptr, 0, 0, 0), nullptr); // one view per memo
     EXPECT_EQ(DeleteMemo(memo, 0x20000), STATUS_DONE);
     EXPECT_EQ(_SL_GetAddressMemo(0, view, 2), INVALID_HANDLE);
@@ -180,6 +248,24 @@ TEST(KernelMemory, MemosViewsAndTheirCache)
     EXPECT_EQ(_SL_GetAddressMemo(0, &memo, 2), INVALID_HANDLE);
 }
 
+namespace {
+
+// The access of the host mapping that holds an address ("rw-p", "---p"), or "" when none does.
+std::string host_mapping(const void* address)
+{
+    std::ifstream maps("/proc/self/maps");
+    auto at = reinterpret_cast<std::uintptr_t>(address);
+    for (std::string line; std::getline(maps, line);) {
+        std::uintptr_t low = 0, high = 0;
+        char access[5] = {};
+        if (std::sscanf(line.c_str(), "%lx-%lx %4s", &low, &high, access) == 3 && at >= low && at < high)
+            return access;
+    }
+    return "";
+}
+
+} // namespace
+
 TEST(KernelMemory, ViewInsideReservationAndUnmappedPartFaults)
 {
     const std::size_t guard = 4096, block = 8192;
@@ -192,8 +278,22 @@ TEST(KernelMemory, ViewInsideReservationAndUnmappedPartFaults)
     EXPECT_DEATH(reservation[guard - 1] = 1, "");
     EXPECT_EQ(DeleteMemo(memo, 0x20000), STATUS_DONE);
     EXPECT_DEATH(reservation[guard] = 1, "");
+    // The range stays reserved: still mapped without access, and a view can be placed there again.
+    EXPECT_EQ(host_mapping(reservation + guard), "---p");
+    EXPECT_EQ(host_mapping(reservation + guard + block - 1), "---p");
+    for (int round = 0; round < 2; ++round) {
+        Handle again = _SL_CreateMemo(0, 0, block, 0);
+        ASSERT_EQ(_SL_AllocView(0, again, reservation + guard, 0, 0, 0), reservation + guard);
+        reservation[guard] = 3;
+        EXPECT_EQ(_SL_GetAddressMemo(0, reservation + guard + block - 1, 2), again);
+        EXPECT_EQ(DeleteMemo(again, 0x20000), STATUS_DONE);
+    }
     EXPECT_EQ(_SL_VirtualFree(0, reservation, 0), STATUS_DONE);
     EXPECT_EQ(_SL_VirtualFree(0, reservation, 0), STATUS_BAD_ARGUMENT);
+    // Once released, the range takes no view.
+    Handle late = _SL_CreateMemo(0, 0, block, 0);
+    EXPECT_EQ(_SL_AllocView(0, late, reservation + guard, 0, 0, 0), nullptr);
+    DeleteMemo(late, 0x20000);
 }
 
 namespace {
@@ -229,13 +329,12 @@ TEST(KernelThreads, RunOnTheirGivenStackAndDeleteThemselves)
         OwnStack stack(16 * 1024);
         StackProbe probe{stack.base, stack.base + stack.size};
         probe.done_port = _SL_CreateMsgPort(0, 0);
-        Handle thread = _SL_CreateThread(0, probe_stack, &probe, 64, stack.top());
+        Handle thread = stack.start(probe_stack, &probe);
         ASSERT_NE(thread, INVALID_HANDLE);
         Message m{};
         ASSERT_EQ(_SL_RecvMsgPtr(probe.done_port, &m, 5000), STATUS_DONE);
-        // Wait until the thread has gone: its handle stops working.
-        for (int i = 0; i < 500 && _SL_GetObjectInfo(thread, INFO_USER_WORD, &m.word1) == STATUS_DONE; ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        // The thread goes: its handle stops working.
+        EXPECT_TRUE(wait_until([&] { return _SL_GetObjectInfo(thread, INFO_USER_WORD, &m.word1) != STATUS_DONE; }));
         EXPECT_EQ(_SL_GetObjectInfo(thread, INFO_USER_WORD, &m.word1), STATUS_BAD_HANDLE);
         EXPECT_TRUE(probe.on_stack);
         EXPECT_EQ(probe.self, thread);
@@ -282,159 +381,3 @@ TEST(KernelTask, DeletionTellsTheWatchersAndEndsTheProcess)
         testing::ExitedWithCode(7), "");
 }
 
-namespace {
-
-struct ExceptionLog {
-    std::atomic<int> calls{0};
-    std::atomic<Handle> thread{0};
-    std::uint64_t number = 0;
-    std::uint64_t argument = 0;
-    std::uint64_t status_to_return = 0;
-};
-
-std::uint64_t log_exception(void* table, std::uint64_t number, std::uint64_t argument, std::uint64_t*, std::uint64_t,
-                            std::uint64_t)
-{
-    auto* log = static_cast<ExceptionLog*>(table);
-    log->number = number;
-    log->argument = argument;
-    log->thread = _SL_GetState(STATE_THREAD);
-    log->calls++;
-    _SL_RetException(log->status_to_return, 0);
-}
-
-} // namespace
-
-TEST(KernelExceptions, DeliveredAtEntryAndDuringWaits)
-{
-    ExceptionLog log;
-    ASSERT_EQ(_SL_SetExceptionHandler(0, EXCEPTION_USER, log_exception, &log), STATUS_DONE);
-
-    // At the next kernel entry of the thread itself.
-    Handle self = _SL_GetState(STATE_THREAD);
-    ASSERT_EQ(host::kernel::raise_exception(self, EXCEPTION_USER, 8, 2), STATUS_DONE);
-    _SL_GetState(STATE_TASK);
-    EXPECT_EQ(log.calls, 1);
-    EXPECT_EQ(log.number, 8u);
-    EXPECT_EQ(log.argument, 2u);
-
-    // During a wait the handler runs on the waiting thread. Status 1 ends the wait with 310;
-    // status 0 lets it go on to its message.
-    Handle port = _SL_CreateMsgPort(0, 0);
-    std::atomic<Handle> waiter_thread{0};
-    std::atomic<Status> result{0};
-    auto interrupt_a_wait = [&](std::uint64_t status, bool then_send) {
-        log.status_to_return = status;
-        waiter_thread = 0;
-        std::thread waiter([&] {
-            waiter_thread = _SL_GetState(STATE_THREAD);
-            Message m{};
-            result = _SL_RecvMsgPtr(port, &m, -1);
-        });
-        while (waiter_thread == 0)
-            std::this_thread::yield();
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        host::kernel::raise_exception(waiter_thread, EXCEPTION_USER, 8, 15);
-        if (then_send) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-            _SL_SendMsg(port, 0, 1, 0, -1);
-        }
-        waiter.join();
-    };
-    interrupt_a_wait(1, false);
-    EXPECT_EQ(result, STATUS_REPEAT);
-    EXPECT_EQ(log.calls, 2);
-    EXPECT_EQ(log.thread, waiter_thread);
-
-    interrupt_a_wait(0, true);
-    EXPECT_EQ(result, STATUS_DONE);
-    EXPECT_EQ(log.calls, 3);
-
-    // The system class has its own handler.
-    ExceptionLog system_log;
-    _SL_SetExceptionHandler(0, EXCEPTION_SYSTEM, log_exception, &system_log);
-    host::kernel::raise_exception(self, EXCEPTION_SYSTEM, 3, 0);
-    _SL_GetState(STATE_TASK);
-    EXPECT_EQ(system_log.calls, 1);
-    EXPECT_EQ(system_log.number, 3u);
-    _SL_SetExceptionHandler(0, EXCEPTION_SYSTEM, nullptr, nullptr);
-    _SL_SetExceptionHandler(0, EXCEPTION_USER, nullptr, nullptr);
-    DeleteMsgPort(port);
-}
-
-TEST(Mutex, ExcludesUnderContention)
-{
-    Mutex mutex;
-    ASSERT_EQ(MutexInit(&mutex), MUTEX_OK);
-    long counter = 0;
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t)
-        threads.emplace_back([&] {
-            for (int i = 0; i < 50000; ++i) {
-                ASSERT_EQ(MutexLock(&mutex), MUTEX_OK);
-                long seen = counter;
-                counter = seen + 1;
-                ASSERT_EQ(MutexUnlock(&mutex), MUTEX_OK);
-            }
-        });
-    for (auto& thread : threads)
-        thread.join();
-    EXPECT_EQ(counter, 200000);
-    EXPECT_EQ(mutex.count, 0);
-    EXPECT_EQ(MutexDestroy(&mutex), MUTEX_OK);
-    EXPECT_EQ(mutex.semaphore, INVALID_HANDLE);
-}
-
-TEST(Mutex, HeldWhileTheProcessGainsItsSecondThread)
-{
-    // A fresh process has one thread, and the mutex then works without atomic operations; a lock
-    // taken so must still exclude, and hand over to, a thread that starts while it is held.
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_EXIT(
-        {
-            auto* flag = reinterpret_cast<const char*>(_SL_GetState(STATE_SINGLE_THREAD_FLAG));
-            Mutex mutex;
-            bool ok = flag != nullptr && *flag != 0 && MutexInit(&mutex) == MUTEX_OK && MutexLock(&mutex) == MUTEX_OK;
-            std::atomic<int> stage{0};
-            std::thread other([&] {
-                stage = 1;
-                MutexLock(&mutex);
-                stage = 2;
-                MutexUnlock(&mutex);
-            });
-            while (stage == 0)
-                std::this_thread::yield();
-            std::this_thread::sleep_for(std::chrono::milliseconds(30));
-            ok = ok && *flag == 0 && stage == 1 && MutexTryLock(&mutex) == MUTEX_BUSY;
-            MutexUnlock(&mutex);
-            other.join();
-            ok = ok && stage == 2 && mutex.count == 0;
-            std::_Exit(ok ? 0 : 1);
-        },
-        testing::ExitedWithCode(0), "");
-}
-
-TEST(Mutex, TryTimedAndUnbalancedUse)
-{
-    Mutex mutex;
-    ASSERT_EQ(MutexInit(&mutex), MUTEX_OK);
-    EXPECT_EQ(MutexTimedLock(&mutex, 0), MUTEX_BAD_ARGUMENT);
-    EXPECT_EQ(mutex.count, 0);
-    EXPECT_EQ(MutexTryLock(&mutex), MUTEX_OK);
-    EXPECT_EQ(MutexTryLock(&mutex), MUTEX_BUSY);
-    std::thread other([&] {
-        auto start = Clock::now();
-        EXPECT_EQ(MutexTimedLock(&mutex, 50), MUTEX_BUSY);
-        EXPECT_GE(elapsed_ms(start), 50);
-    });
-    other.join();
-    // The timed-out waiter left its increment behind, as the mutex does by design.
-    EXPECT_EQ(mutex.count, 2);
-    mutex.count = 1;
-    EXPECT_EQ(MutexUnlock(&mutex), MUTEX_OK);
-    EXPECT_EQ(MutexUnlock(&mutex), MUTEX_OK);
-    EXPECT_EQ(mutex.count, -1);
-    mutex.count = 0;
-    EXPECT_EQ(MutexDestroy(&mutex), MUTEX_OK);
-    EXPECT_EQ(MutexDestroy(&mutex), MUTEX_KERNEL_FAILURE);
-}

@@ -42,8 +42,11 @@ TEST(DeviceOpen, FindsDeviceThroughRegistryAndLeavesNothingBehind)
     FakeDevice dev;
     reg.add("fakedev", dev.port());
     reg.abort_first = true; // an aborted message does not end the lookup
+    // Every answer comes after a message of another type, which each wait passes over.
+    reg.registry.stray_before_answers = dev.stray_before_answers = true;
     const Handle task = _SL_GetState(STATE_TASK);
     std::uint64_t live = host::kernel::live_object_count();
+    const std::uint64_t handles = host::kernel::live_handle_count();
 
     EXPECT_EQ(OpenDevice("fakedev"), dev.device());
     EXPECT_EQ(reg.registry.types(),
@@ -57,6 +60,9 @@ TEST(DeviceOpen, FindsDeviceThroughRegistryAndLeavesNothingBehind)
     EXPECT_EQ(_SL_GetObjectInfo(task, INFO_TASK_ID, &id), 0u);
     EXPECT_EQ(id_sent, id);
     EXPECT_EQ(host::kernel::live_object_count(), live);
+    // The task handle went to the device, which keeps it while open: nothing else is left.
+    EXPECT_EQ(host::kernel::live_handle_count(), handles + 1);
+    EXPECT_EQ(CloseDevice(dev.device()), 0);
 
     // Unknown name: the registry is closed, the block deleted, the device never asked. No name:
     // nothing is sent at all.
@@ -67,8 +73,64 @@ TEST(DeviceOpen, FindsDeviceThroughRegistryAndLeavesNothingBehind)
     EXPECT_EQ(GetDeviceMsgPort(""), INVALID_HANDLE);
     EXPECT_EQ(reg.registry.messages.size(), 10u); // two lookups of five messages each
     EXPECT_EQ(reg.registry.blocks.size(), 0u);
-    EXPECT_EQ(dev.messages.size(), 1u);
+    EXPECT_EQ(dev.messages.size(), 2u); // the open and its close
     EXPECT_EQ(host::kernel::live_object_count(), live);
+    EXPECT_EQ(host::kernel::live_handle_count(), handles);
+}
+
+TEST(DeviceOpen, EveryExchangeTakesItsOwnAnswerAndLeavesItsPortEmpty)
+{
+    // Each answer follows a stray: a wait that stopped at the stray would leave the answer behind.
+    FakeDevice dev;
+    dev.stray_before_answers = true;
+    Handle reply = _SL_CreateMsgPort(0, 0);
+    auto empty = [](Handle port) {
+        Message m{};
+        return _SL_RecvMsgPtr(port, &m, 0) == STATUS_TIMEOUT;
+    };
+    EXPECT_EQ(devlib_open_device_from_msgport(dev.port(), reply), dev.device());
+    EXPECT_TRUE(empty(reply)) << "open";
+    IOreq* req = CreateIOreq(dev.device(), 0, 3, 0x200, reply);
+    ASSERT_NE(req, nullptr);
+    EXPECT_TRUE(empty(dev.device()->create_reply_port)) << "create";
+    EXPECT_EQ(DeleteIOreq(req), 0);
+    EXPECT_TRUE(empty(dev.device()->create_reply_port)) << "delete";
+    devlib_close_device(reply, dev.device());
+    EXPECT_TRUE(empty(reply)) << "close";
+    EXPECT_EQ(dev.types(), (Types{MSG_DEVICE_OPEN, MSG_IOREQ_CREATE, MSG_IOREQ_DELETE, MSG_DEVICE_CLOSE}));
+    DeleteMsgPort(reply);
+}
+
+TEST(DeviceOpen, NoRegistryOrARefusalGivesNullAtOnceAndGivesBackItsHandles)
+{
+    FakeRegistry reg;
+    FakeDevice dev;
+    reg.add("fakedev", dev.port());
+    _SL_GetState(STATE_TASK); // the task exists before the count
+    const std::uint64_t handles = host::kernel::live_handle_count();
+    // A refused open: the task handle that went with it is deleted again.
+    dev.open_answer_override = 0;
+    dev.stray_before_answers = true;
+    EXPECT_EQ(fake::bounded("a refused open", [&] { return OpenDeviceFromMsgPort(dev.port()); }), nullptr);
+    EXPECT_EQ(fake::bounded("a refused open by name", [] { return OpenDevice("fakedev"); }), nullptr);
+    EXPECT_EQ(dev.count(MSG_DEVICE_OPEN), 2u);
+    EXPECT_EQ(host::kernel::live_handle_count(), handles);
+    // No registry port: nothing to ask, no wait.
+    for (std::int64_t none : {std::int64_t{0}, std::int64_t{-1}}) {
+        host::kernel::set_state(STATE_REGISTRY_PORT, none);
+        EXPECT_EQ(fake::bounded("an open without a registry", [] { return OpenDevice("fakedev"); }), nullptr);
+        EXPECT_EQ(fake::bounded("a lookup without a registry", [] { return GetDeviceMsgPort("fakedev"); }),
+                  INVALID_HANDLE);
+        EXPECT_EQ(host::kernel::live_handle_count(), handles) << none;
+    }
+    host::kernel::set_state(STATE_REGISTRY_PORT, reg.registry.port());
+    EXPECT_EQ(reg.registry.count(MSG_DEVICE_OPEN), 1u); // the refused open by name only
+    // A registry that refuses the open: the lookup gives up and gives its handle back.
+    reg.registry.open_answer_override = 0;
+    EXPECT_EQ(fake::bounded("a lookup the registry refuses", [] { return GetDeviceMsgPort("fakedev"); }),
+              INVALID_HANDLE);
+    EXPECT_EQ(reg.registry.count(MSG_DEVICE_OPEN), 2u);
+    EXPECT_EQ(host::kernel::live_handle_count(), handles);
 }
 
 TEST(DeviceOpen, RegistryOpensStraightRefusalsGiveNullAndSlotsCache)
@@ -136,7 +198,7 @@ TEST(DeviceOpenDeathTest, MissingRequiredDeviceIsReportedToTheLogAndEndsTheTask)
 TEST(Requests, CreateInitialisesTheBlockAndDeleteReleasesIt)
 {
     FakeDevice dev;
-    dev.stray_before_created = true; // passed over while waiting for the answer
+    dev.stray_before_answers = true; // passed over while waiting for the answer
     Handle port = _SL_CreateMsgPort(0, 0);
     IOreq* req = CreateIOreq(dev.device(), 7, 3, 0x200, port);
     ASSERT_NE(req, nullptr);
@@ -159,6 +221,34 @@ TEST(Requests, CreateInitialisesTheBlockAndDeleteReleasesIt)
     EXPECT_EQ(std::pair(dev.messages.back().type, dev.messages.back().word1), std::pair(MSG_IOREQ_DELETE_ASYNC, 0ul));
     EXPECT_EQ(dev.blocks.size(), 0u);
     EXPECT_EQ(CreateIOreq(nullptr, 0, 3, 0x200, port), nullptr);
+
+    // Exchanges that break down give back create_lock: a request port that is gone, a reply port
+    // that is gone. The next create still gets through.
+    for (Handle Device::*broken : {&Device::request_port, &Device::create_reply_port}) {
+        IOreq* doomed = CreateIOreq(dev.device(), 0, 3, 0x200, port);
+        ASSERT_NE(doomed, nullptr);
+        const std::uint64_t id = doomed->id;
+        Device copy = *dev.device();
+        copy.*broken = INVALID_HANDLE;
+        EXPECT_EQ(fake::bounded("a create that breaks down", [&] { return CreateIOreq(&copy, 0, 3, 0x200, port); }),
+                  nullptr);
+        doomed->device = &copy;
+        EXPECT_EQ(fake::bounded("a delete that breaks down", [&] { return DeleteIOreq(doomed); }), 0);
+        EXPECT_EQ(_SL_WaitSemaphore(dev.device()->create_lock, 1, 0), STATUS_DONE) << "create_lock kept";
+        _SL_SignalSemaphore(dev.device()->create_lock, 1);
+        if (dev.blocks.count(id) != 0) { // the delete never reached the device
+            doomed->device = dev.device();
+            EXPECT_EQ(DeleteIOreq(doomed), 0);
+        }
+    }
+    // The create whose answer could not be received left its block with the device and the
+    // answer on the device's port.
+    Message left{};
+    while (_SL_RecvMsgPtr(dev.device()->create_reply_port, &left, 0) == STATUS_DONE) {
+    }
+    while (!dev.blocks.empty())
+        DeleteIOreq(reinterpret_cast<IOreq*>(dev.blocks.begin()->second.data()));
+    EXPECT_EQ(dev.blocks.size(), 0u);
     DeleteMsgPort(port);
 }
 

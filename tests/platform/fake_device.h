@@ -4,8 +4,13 @@
 #pragma once
 
 #include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <future>
+#include <thread>
 #include <map>
 #include <string>
 #include <vector>
@@ -49,6 +54,8 @@ public:
     }
     ~FakeDevice()
     {
+        for (Handle task : tasks_held)
+            _SL_DeleteObject(task, DELETE_HANDLE);
         if (record_->shared_io != nullptr) {
             MutexDestroy(&shared_lock_);
             DeleteMsgPort(shared_.request->reply_port);
@@ -73,18 +80,24 @@ public:
     }
     std::size_t count(std::uint64_t type) { return std::ranges::count(types(), type); }
 
+    static constexpr std::uint64_t STRAY = 0x777; // a type no wait of the client expects
+
     Handler on_begin = [](FakeDevice&, IOreq* req) { reply(req, MSG_IO_DONE); };
     Handler on_abort = [](FakeDevice&, IOreq* req) { reply(req, MSG_IO_ABORTED); };
     std::uint64_t open_answer_override = ~0ull; // word2 of MSG_DEVICE_OPENED when set
     bool refuse_create = false;
-    bool stray_before_created = false; // a message of another type first on create_reply_port
+    bool stray_before_answers = false; // a message of another type before every answer
     std::vector<Message> messages;
     std::vector<Command> commands;
     std::map<std::uint64_t, std::vector<std::uint64_t>> blocks; // by id
+    std::vector<Handle> tasks_held; // task handles of opens not yet closed
 
 private:
-    static void send(Handle port, std::uint64_t type, std::uint64_t word2 = 0)
+    // An answer, after a stray message of another type when the test asks for one.
+    void send(Handle port, std::uint64_t type, std::uint64_t word2 = 0)
     {
+        if (stray_before_answers)
+            _SL_SendMsg(port, 0, STRAY, 0, -1);
         _SL_SendMsg(port, 0, type, word2, -1);
     }
 
@@ -111,13 +124,20 @@ private:
             blocks.erase(m.word2);
         switch (m.type) {
         case MSG_DEVICE_OPEN:
+            // An open that is answered with a device keeps the task handle until its close.
+            if (open_answer_override != 0)
+                tasks_held.push_back(static_cast<Handle>(m.word2));
             send(static_cast<Handle>(m.word1), MSG_DEVICE_OPENED,
                  open_answer_override != ~0ull ? open_answer_override : reinterpret_cast<std::uintptr_t>(record_));
             break;
-        case MSG_DEVICE_CLOSE: send(static_cast<Handle>(m.word2), MSG_DEVICE_CLOSED); break;
+        case MSG_DEVICE_CLOSE:
+            if (!tasks_held.empty()) {
+                _SL_DeleteObject(tasks_held.front(), DELETE_HANDLE);
+                tasks_held.erase(tasks_held.begin());
+            }
+            send(static_cast<Handle>(m.word2), MSG_DEVICE_CLOSED);
+            break;
         case MSG_IOREQ_CREATE:
-            if (stray_before_created)
-                send(record_->create_reply_port, MSG_IOREQ_DELETED);
             send(record_->create_reply_port, MSG_IOREQ_CREATED,
                  refuse_create ? 0 : reinterpret_cast<std::uintptr_t>(new_block(m.word2)));
             break;
@@ -149,6 +169,8 @@ struct FakeRegistry {
             std::memcpy(&key, block + 120, sizeof key);
             if (abort_first)
                 FakeDevice::reply(req, MSG_IO_ABORTED);
+            if (registry.stray_before_answers)
+                FakeDevice::reply(req, FakeDevice::STRAY);
             auto it = keys.find(key);
             if (req->command != REG_GET_KEY || it == keys.end()) {
                 req->error = 0xe0020001;
@@ -167,5 +189,21 @@ struct FakeRegistry {
     std::map<std::string, std::int64_t> keys;
     bool abort_first = false;
 };
+
+// Runs fn on a thread of its own and gives its result. A call that has not returned within the
+// bound is a hang: the program stops with a message rather than wait for ever.
+template <typename F> auto bounded(const char* what, F fn, int ms = 5000)
+{
+    std::packaged_task<decltype(fn())()> task(fn);
+    auto result = task.get_future();
+    std::thread runner(std::move(task));
+    if (result.wait_for(std::chrono::milliseconds(ms)) != std::future_status::ready) {
+        std::fprintf(stderr, "%s did not return within %d ms\n", what, ms);
+        std::fflush(stderr);
+        std::_Exit(1);
+    }
+    runner.join();
+    return result.get();
+}
 
 } // namespace fake

@@ -44,7 +44,7 @@ struct TcpFake {
                 req->error = fail_status;
             } else if (req->command == TCP_CREATE) {
                 reinterpret_cast<TcpCreateParams*>(p)->socket = 42;
-            } else if (req->command == TCP_GETNAME) {
+            } else if (req->command == TCP_GETNAME || req->command == TCP_GETPEER) {
                 std::memset(reinterpret_cast<TcpAddressParams*>(p)->address, 0x5c, 16);
                 reinterpret_cast<TcpAddressParams*>(p)->length = 16;
             }
@@ -167,4 +167,68 @@ TEST(TcpCommands, SizeTestsSendNothingAndAddressesRoundTrip)
     tcp.fail_run = 0;
     EXPECT_EQ(td_sockcreat(d, 2, 1, 6), 42);
     EXPECT_EQ(at<std::uint32_t>(tcp.dev.commands.back().area, 8), 6u);
+}
+
+TEST(TcpCommands, EveryBlockAndResultOnSuccessAndOnFailure)
+{
+    TcpFake tcp(64);
+    Device* d = tcp.dev.device();
+    auto* params = static_cast<std::uint8_t*>(d->shared_io->params);
+    const std::uint32_t value[2] = {1, 10};
+    std::uint8_t out[16] = {};
+    std::uint32_t length = 8;
+    using Area = std::vector<std::uint8_t>;
+    struct Row {
+        const char* name;
+        std::function<int()> call;
+        std::uint32_t command;
+        int success, failure;
+        std::function<void(const Area&)> check;
+    };
+    const Row rows[] = {
+        {"create", [&] { return td_sockcreat(d, 2, 1, 6); }, TCP_CREATE, 42, -1,
+         [](const Area& a) { EXPECT_EQ(std::tuple(at<std::uint32_t>(a, 0), at<std::uint32_t>(a, 4), at<std::uint32_t>(a, 8)), std::tuple(2u, 1u, 6u)); }},
+        {"close", [&] { return td_sockclose(d, 7); }, TCP_CLOSE, 1, 0,
+         [](const Area& a) { EXPECT_EQ(at<std::int32_t>(a, 0), 7); }},
+        {"listen", [&] { return td_socklisten(d, 7, 16); }, TCP_LISTEN, 1, 0,
+         [](const Area& a) { EXPECT_EQ(std::pair(at<std::int32_t>(a, 0), at<std::uint32_t>(a, 4)), std::pair(7, 16u)); }},
+        {"setopt", [&] { return td_socksetopt(d, 7, 1, 13, value, 8); }, TCP_SETOPT, 1, 0,
+         [&](const Area& a) {
+             EXPECT_EQ(std::tuple(at<std::int32_t>(a, 0), at<std::uint32_t>(a, 4), at<std::uint32_t>(a, 8),
+                                  at<std::uint8_t*>(a, 16), at<std::uint32_t>(a, 24)),
+                       std::tuple(7, 1u, 13u, params + 32, 8u));
+             EXPECT_EQ(std::pair(at<std::uint32_t>(a, 32), at<std::uint32_t>(a, 36)), std::pair(1u, 10u));
+         }},
+        {"inherit", [&] { return td_inheritparsocks(d, 0); }, TCP_INHERIT, 1, 0,
+         [](const Area& a) { EXPECT_EQ(at<std::uint32_t>(a, 0), 0u); }},
+        {"getname", [&] { return td_sockgetname(d, 7, out, &length); }, TCP_GETNAME, 1, 0,
+         [&](const Area& a) {
+             EXPECT_EQ(std::tuple(at<std::int32_t>(a, 0), at<std::uint32_t>(a, 4), at<std::uint8_t*>(a, 8)),
+                       std::tuple(7, 8u, params + 16));
+         }},
+    };
+    for (const Row& row : rows) {
+        tcp.fail_run = 0;
+        length = 8;
+        std::memset(out, 0, sizeof out);
+        EXPECT_EQ(row.call(), row.success) << row.name;
+        ASSERT_FALSE(tcp.dev.commands.empty());
+        EXPECT_EQ(tcp.dev.commands.back().command, row.command) << row.name;
+        row.check(tcp.dev.commands.back().area);
+        // The same call failing: its failure result and the translated status.
+        tcp.fail(1, 0xe0050014);
+        sys_errno() = 0;
+        length = 8;
+        EXPECT_EQ(row.call(), row.failure) << row.name;
+        EXPECT_EQ(sys_errno(), 77) << row.name;
+    }
+    // The address query copied no more than the caller's length, and gave back the full one; its
+    // failure above left the length alone.
+    EXPECT_EQ(length, 8u);
+    tcp.fail_run = 0;
+    EXPECT_EQ(td_sockgetpeer(d, 7, out, &length), 1);
+    EXPECT_EQ(tcp.dev.commands.back().command, TCP_GETPEER);
+    EXPECT_EQ(std::pair(out[7], out[8]), std::pair(std::uint8_t{0x5c}, std::uint8_t{0}));
+    EXPECT_EQ(length, 16u);
+    EXPECT_EQ(d->shared_io->lock->count, 0);
 }
