@@ -161,7 +161,7 @@ void command_loop(FtpdSession* session, char* line)
 
 void send_end_message(FtpdSession* session)
 {
-    _SL_SendMsg(static_cast<Handle>(session->server->worker_port), 0, MSG_WORKER_ENDED,
+    SendMsgRetry(static_cast<Handle>(session->server->worker_port), 0, MSG_WORKER_ENDED,
                 static_cast<std::uint64_t>(static_cast<std::int64_t>(static_cast<std::int32_t>(session->control_socket))),
                 WAIT_FOREVER);
 }

@@ -25,16 +25,6 @@ constexpr std::int64_t LACK_SEND_TIMEOUT = 50;
 constexpr std::int64_t DRAIN_TIMEOUT = 1;
 
 // The kernel asks a wait to be repeated with 310 when an exception handler ran meanwhile.
-Status send_retry(Handle port, std::uint64_t word1, std::uint64_t type, std::uint64_t word2,
-                  std::int64_t timeout)
-{
-    Status status;
-    do
-        status = _SL_SendMsg(port, word1, type, word2, timeout);
-    while (status == STATUS_REPEAT);
-    return status;
-}
-
 Status recv_retry(Handle port, Message* message, std::int64_t timeout)
 {
     Status status;
@@ -340,7 +330,7 @@ IOreq* CreateIOreq(Device* device, std::uint32_t unit, std::uint8_t priority, st
         return nullptr;
     Message message{};
     bool answered = false;
-    if (send_retry(device->request_port, reinterpret_cast<std::uintptr_t>(device), MSG_IOREQ_CREATE,
+    if (SendMsgRetry(device->request_port, reinterpret_cast<std::uintptr_t>(device), MSG_IOREQ_CREATE,
                    size, WAIT_FOREVER) == STATUS_DONE) {
         for (;;) {
             message = Message{};
@@ -376,7 +366,7 @@ int DeleteIOreq(IOreq* req)
     Device* device = req->device;
     if (wait_retry(device->create_lock) != STATUS_DONE)
         return IO_SEND_FAILED;
-    if (send_retry(device->request_port, reinterpret_cast<std::uintptr_t>(device), MSG_IOREQ_DELETE,
+    if (SendMsgRetry(device->request_port, reinterpret_cast<std::uintptr_t>(device), MSG_IOREQ_DELETE,
                    req->id, WAIT_FOREVER) == STATUS_DONE) {
         Message message;
         while (recv_retry(device->create_reply_port, &message, WAIT_FOREVER) == STATUS_DONE) {
@@ -392,7 +382,7 @@ int DeleteIOreqAsync(IOreq* req)
 {
     if (req == nullptr)
         return IO_SEND_FAILED;
-    return send_retry(req->device->request_port, 0, MSG_IOREQ_DELETE_ASYNC, req->id, WAIT_FOREVER) ==
+    return SendMsgRetry(req->device->request_port, 0, MSG_IOREQ_DELETE_ASYNC, req->id, WAIT_FOREVER) ==
                    STATUS_DONE
                ? IO_DONE
                : IO_SEND_FAILED;
@@ -404,7 +394,7 @@ int BeginIO(IOreq* req)
 {
     if (req == nullptr)
         return IO_SEND_FAILED;
-    return send_retry(req->device->request_port, static_cast<std::uint64_t>(req->reply_port),
+    return SendMsgRetry(req->device->request_port, static_cast<std::uint64_t>(req->reply_port),
                       MSG_IO_BEGIN, req->id, WAIT_FOREVER) == STATUS_DONE
                ? IO_DONE
                : IO_SEND_FAILED;
@@ -418,7 +408,7 @@ int AbortIOEx(IOreq* req, std::int64_t timeout)
         timeout = 0;
     if (timeout > 0x7fffffff)
         timeout = 0x7fffffff;
-    return send_retry(req->device->request_port, static_cast<std::uint64_t>(req->reply_port),
+    return SendMsgRetry(req->device->request_port, static_cast<std::uint64_t>(req->reply_port),
                       MSG_IO_ABORT, req->id, timeout) == STATUS_DONE
                ? IO_DONE
                : IO_SEND_FAILED;
@@ -428,7 +418,7 @@ int AbortIO(IOreq* req)
 {
     if (req == nullptr)
         return IO_SEND_FAILED;
-    return send_retry(req->device->request_port, static_cast<std::uint64_t>(req->reply_port),
+    return SendMsgRetry(req->device->request_port, static_cast<std::uint64_t>(req->reply_port),
                       MSG_IO_ABORT, req->id, WAIT_FOREVER) == STATUS_DONE
                ? IO_DONE
                : IO_SEND_FAILED;
@@ -498,7 +488,7 @@ int SyncIOEx(IOreq* req, std::int64_t timeout, std::uint8_t abortable, std::uint
     if (!abortable || (wait_status != STATUS_TIMEOUT && wait_status != STATUS_REPEAT))
         return IO_SEND_FAILED;
 
-    if (send_retry(request_port, static_cast<std::uint64_t>(reply_port), MSG_IO_ABORT, req->id,
+    if (SendMsgRetry(request_port, static_cast<std::uint64_t>(reply_port), MSG_IO_ABORT, req->id,
                    WAIT_FOREVER) != STATUS_DONE)
         return IO_SEND_FAILED;
 

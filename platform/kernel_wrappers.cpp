@@ -17,6 +17,15 @@ Handle CreateSharedMsgPort(std::uint64_t a, std::uint64_t b, std::uint64_t owner
     return shared;
 }
 
+Status SendMsgRetry(Handle port, std::uint64_t word1, std::uint64_t type, std::uint64_t word2, std::int64_t timeout)
+{
+    Status status;
+    do
+        status = _SL_SendMsg(port, word1, type, word2, timeout);
+    while (status == STATUS_REPEAT);
+    return status;
+}
+
 void DeleteTask(std::uint64_t code)
 {
     (void)code;

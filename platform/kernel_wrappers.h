@@ -9,6 +9,9 @@ namespace orlix {
 // deleted again if the handle can't be made.
 Handle CreateSharedMsgPort(std::uint64_t a, std::uint64_t b, std::uint64_t owner, std::uint64_t flags);
 
+// _SL_SendMsg repeated while it returns 310, as every send of the system is.
+Status SendMsgRetry(Handle port, std::uint64_t word1, std::uint64_t type, std::uint64_t word2, std::int64_t timeout);
+
 // Ends the calling task; does not return.
 [[noreturn]] void DeleteTask(std::uint64_t code);
 

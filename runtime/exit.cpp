@@ -31,7 +31,7 @@ void report_exit(std::uint64_t status)
 {
     Handle supervisor = _SL_GetState(STATE_SUPERVISOR_PORT);
     if (has_supervisor(supervisor))
-        _SL_SendMsg(supervisor, task_word(), MSG_SUPERVISOR_EXIT, status, WAIT_FOREVER);
+        SendMsgRetry(supervisor, task_word(), MSG_SUPERVISOR_EXIT, status, WAIT_FOREVER);
 }
 
 } // namespace
@@ -40,7 +40,7 @@ void crt_init_complete()
 {
     Handle supervisor = _SL_GetState(STATE_SUPERVISOR_PORT);
     if (has_supervisor(supervisor))
-        _SL_SendMsg(supervisor, task_word(), MSG_SUPERVISOR_STARTED, 0, WAIT_FOREVER);
+        SendMsgRetry(supervisor, task_word(), MSG_SUPERVISOR_STARTED, 0, WAIT_FOREVER);
 }
 
 int __cxa_atexit(void (*function)(void*), void* argument)

@@ -48,7 +48,7 @@ ThreadRecord* __pthread_self()
         return reinterpret_cast<ThreadRecord*>(word);
     Handle log = GetDeviceMsgPort("syslog");
     if (handle_valid(log))
-        _SL_SendMsg(log, ALARM_WORD1, MSG_LOG_THREAD_ALARM, ALARM_WORD2, ALARM_TIMEOUT);
+        SendMsgRetry(log, ALARM_WORD1, MSG_LOG_THREAD_ALARM, ALARM_WORD2, ALARM_TIMEOUT);
     _SL_DeleteObject(thread, DELETE_OBJECT);
     return nullptr;
 }
