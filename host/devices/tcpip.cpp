@@ -71,6 +71,10 @@ constexpr std::size_t SEND_LIMIT = std::size_t{512} << 10;       // buffered byt
 constexpr std::size_t RECV_MIN = std::size_t{16} << 10;
 constexpr std::size_t RECV_MAX = std::size_t{256} << 10;
 constexpr std::size_t POOL_KEEP = 64;                              // idle chunks kept for reuse
+constexpr std::size_t SHORT_SEND = 4096;                           // sent at once when possible
+// The host queues connections beyond the backlog asked for: a burst of clients that comes faster
+// than they are accepted must not be dropped.
+constexpr int LISTEN_QUEUE_MIN = 1024;
 constexpr int FLUSH_IOVECS = 16;
 constexpr int FLUSH_ROUNDS = 64;                                   // writes per turn of one socket
 constexpr auto CLOSE_FLUSH_LIMIT = std::chrono::seconds(30);       // without linger
@@ -119,6 +123,7 @@ struct Tcpip::Socket : std::enable_shared_from_this<Tcpip::Socket> {
 
     std::unique_ptr<std::uint8_t[]> rbuf; // bytes read ahead
     std::size_t rcap = 0, rstart = 0, rend = 0;
+    bool answers = false; // bytes have come in: a reply goes out at once, not through the reactor
     std::size_t rnext = RECV_MIN; // size of the next read-ahead buffer
 };
 
@@ -458,7 +463,8 @@ Outcome Tcpip::cmd_listen(Request& r)
     if (!p)
         return Outcome::fail(STATUS_BAD_ADDRESS);
     return on_open_socket(p->socket, [&](Socket* s) {
-        if (::listen(s->fd, static_cast<int>(std::min<std::uint32_t>(p->backlog, 4096))) != 0)
+        int backlog = static_cast<int>(std::min<std::uint32_t>(p->backlog, 4096));
+        if (::listen(s->fd, std::max(backlog, LISTEN_QUEUE_MIN)) != 0)
             return Outcome::fail(status_of_errno(errno));
         return Outcome::ok();
     });
@@ -610,6 +616,15 @@ Outcome Tcpip::try_send(Socket& s, Request& r)
         return Outcome::fail(STATUS_PIPE);
     if (!s.connected)
         return Outcome::fail(orlix::TCP_STATUS_NOT_CONNECTED);
+    // A socket that answers what it receives (a control connection) sends a short reply straight
+    // away when nothing is buffered before it: a hop through the reactor would cost a wake-up.
+    if (s.answers && s.chunks.empty() && !s.flush_queued && p.length - p.done <= SHORT_SEND) {
+        ssize_t n = ::send(s.fd, p.data + p.done, p.length - p.done, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (n > 0)
+            p.done += static_cast<std::uint64_t>(n);
+        else if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)
+            return Outcome::fail(status_of_errno(errno));
+    }
     while (p.done < p.length && s.buffered < SEND_LIMIT) {
         if (s.chunks.empty() || s.chunks.back()->end == CHUNK_SIZE)
             s.chunks.push_back(take_chunk());
@@ -678,6 +693,7 @@ Outcome Tcpip::try_receive(Socket& s, Request& r)
         }
         ssize_t n = ::recv(s.fd, s.rbuf.get(), s.rcap, MSG_DONTWAIT);
         if (n > 0) {
+            s.answers = true;
             s.rstart = 0;
             s.rend = static_cast<std::size_t>(n);
             if (s.rend == s.rcap)

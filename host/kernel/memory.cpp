@@ -1,7 +1,8 @@
 // Memos, views and reservations on Linux mappings. A memo is a size until its view is made; a view
 // is an anonymous mapping, or a fixed one inside a reservation, whose unmapped rest stays
-// inaccessible. Recently freed views wait in a small per-thread cache so that a heap that creates
-// and deletes areas often pays no host system call for it. A reused view is not cleared.
+// inaccessible. Recently freed views wait in a small cache so that a heap that creates and deletes
+// areas, or a thread that takes the request blocks another one left, pays no host system call for
+// it. A reused view is not cleared.
 #include "host/kernel/memory.h"
 
 #include <algorithm>
@@ -113,18 +114,13 @@ AddressMap& address_map()
     return map;
 }
 
-// Freed mappings kept for reuse by size, per thread.
+// Freed mappings kept for reuse by size, for the whole task: a thread that ends leaves its
+// request blocks and heap areas to the next one instead of unmapping them.
 class ViewCache {
 public:
-    ~ViewCache()
-    {
-        for (Entry& entry : entries_)
-            if (entry.address != nullptr)
-                munmap(entry.address, entry.size);
-    }
-
     void* take(std::size_t size)
     {
+        SpinGuard guard(lock_);
         for (Entry& entry : entries_) {
             if (entry.address != nullptr && entry.size == size) {
                 void* address = entry.address;
@@ -137,26 +133,34 @@ public:
     }
 
     // Keeps a freed mapping; the oldest ones go back to the host to make room, so the cache
-    // follows the sizes in use now.
+    // follows the sizes in use now. The host's unmapping is done outside the lock.
     bool keep(void* address, std::size_t size)
     {
         if (size > MAX_HELD)
             return false;
-        for (std::size_t tries = 0; tries < entries_.size(); ++tries) {
-            Entry& entry = entries_[next_];
-            next_ = (next_ + 1) % entries_.size();
-            if (entry.address != nullptr) {
-                munmap(entry.address, entry.size);
-                held_ -= entry.size;
-                entry.address = nullptr;
-            }
-            if (size <= MAX_HELD - held_) {
-                entry = Entry{address, size};
-                held_ += size;
-                return true;
+        std::array<Entry, 32> evicted{};
+        std::size_t evicted_count = 0;
+        bool kept = false;
+        {
+            SpinGuard guard(lock_);
+            for (std::size_t tries = 0; tries < entries_.size() && !kept; ++tries) {
+                Entry& entry = entries_[next_];
+                next_ = (next_ + 1) % entries_.size();
+                if (entry.address != nullptr) {
+                    evicted[evicted_count++] = entry;
+                    held_ -= entry.size;
+                    entry.address = nullptr;
+                }
+                if (size <= MAX_HELD - held_) {
+                    entry = Entry{address, size};
+                    held_ += size;
+                    kept = true;
+                }
             }
         }
-        return false;
+        for (std::size_t i = 0; i < evicted_count; ++i)
+            munmap(evicted[i].address, evicted[i].size);
+        return kept;
     }
 
 private:
@@ -165,12 +169,17 @@ private:
         void* address = nullptr;
         std::size_t size = 0;
     };
-    std::array<Entry, 8> entries_{};
+    SpinLock lock_;
+    std::array<Entry, 32> entries_{};
     std::size_t held_ = 0;
     std::size_t next_ = 0; // the oldest entry, the next to give way
 };
 
-thread_local ViewCache view_cache;
+ViewCache& view_cache()
+{
+    static auto* cache = new ViewCache; // threads may free views after static destruction has begun
+    return *cache;
+}
 
 // System stacks that threads still run on. A thread that frees the memory of another thread's
 // stack (a detached thread frees the one that ended before it, which may not have left its stack
@@ -315,7 +324,7 @@ public:
             return nullptr;
         void* view;
         if (address == nullptr) {
-            view = view_cache.take(size);
+            view = view_cache().take(size);
             if (view == nullptr) {
                 view = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
                 if (view == MAP_FAILED)
@@ -361,7 +370,7 @@ private:
         address_map().remove(base, mapped_);
         if (in_reservation_)
             live_stacks().dispose(base, mapped_, LiveStacks::How::protect);
-        else if (live_stacks().overlaps_live(base, mapped_) || !view_cache.keep(view_, mapped_))
+        else if (live_stacks().overlaps_live(base, mapped_) || !view_cache().keep(view_, mapped_))
             live_stacks().dispose(base, mapped_, LiveStacks::How::unmap);
         view_ = nullptr;
     }
