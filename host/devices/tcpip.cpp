@@ -3,9 +3,12 @@
 // Host code; it meets the system only through the wire records of platform/tcp_wire.h.
 #include "host/devices/tcpip.h"
 
+#include "host/kernel/host_kernel.h"
+
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -124,6 +127,10 @@ struct Tcpip::Socket : std::enable_shared_from_this<Tcpip::Socket> {
     std::unique_ptr<std::uint8_t[]> rbuf; // bytes read ahead
     std::size_t rcap = 0, rstart = 0, rend = 0;
     bool answers = false; // bytes have come in: a reply goes out at once, not through the reactor
+    // Set while the thread waiting on the first reader's reply port watches the descriptor itself;
+    // the reactor then doesn't.
+    std::shared_ptr<host::kernel::PortWatch> watch;
+    orlix::Handle watch_port = 0;
     std::size_t rnext = RECV_MIN; // size of the next read-ahead buffer
 };
 
@@ -205,7 +212,7 @@ void Tcpip::rearm(Socket& s)
     if (s.fd < 0)
         return;
     std::uint32_t want = 0;
-    if (!s.readers.empty())
+    if (!s.readers.empty() && !s.watch)
         want |= EPOLLIN | EPOLLRDHUP;
     if (s.flush_blocked || std::any_of(s.writers.begin(), s.writers.end(), [](const Waiter& w) { return w.connect; }))
         want |= EPOLLOUT;
@@ -218,6 +225,8 @@ void Tcpip::rearm(Socket& s)
 void Tcpip::park(Socket& s, Request& r, std::vector<Waiter>& list, bool connect)
 {
     list.push_back({r.shared_from_this(), r.serial, connect});
+    if (&list == &s.readers && s.readers.size() == 1 && !s.watch)
+        watch_readers(s, r);
     rearm(s);
 }
 
@@ -229,6 +238,59 @@ void Tcpip::unpark(Socket& s, const Request& r)
     };
     drop(s.readers);
     drop(s.writers);
+    if (s.readers.empty())
+        unwatch(s);
+}
+
+// Lets the thread that waits for r's completion watch the socket itself (s.lock held).
+void Tcpip::watch_readers(Socket& s, Request& r)
+{
+    auto watch = std::make_shared<host::kernel::PortWatch>();
+    watch->fd = s.fd;
+    watch->events = POLLIN | POLLRDHUP;
+    std::weak_ptr<Socket> socket = s.shared_from_this();
+    std::weak_ptr<Request> request = r.shared_from_this();
+    std::uint64_t serial = r.serial;
+    watch->ready = [this, socket, request, serial] {
+        SocketRef sp = socket.lock();
+        RequestRef rp = request.lock();
+        if (sp && rp)
+            resume(rp, serial, [&](Request& q) { return read_step(*sp, q); });
+    };
+    watch->unwatched = [this, socket] {
+        if (SocketRef sp = socket.lock()) {
+            std::lock_guard g(sp->lock);
+            sp->watch.reset();
+            rearm(*sp);
+        }
+    };
+    if (host::kernel::watch_port(r.reply, watch)) {
+        s.watch = std::move(watch);
+        s.watch_port = r.reply;
+    }
+}
+
+// The socket's watch is over (s.lock held).
+void Tcpip::unwatch(Socket& s)
+{
+    if (!s.watch)
+        return;
+    host::kernel::unwatch_port(s.watch_port, s.watch);
+    s.watch.reset();
+}
+
+// Another accept or receive for a parked reader, after its socket showed readiness.
+Outcome Tcpip::read_step(Socket& s, Request& r)
+{
+    std::lock_guard g(s.lock);
+    s.watch.reset(); // a waiter or the reactor took it to come here
+    Outcome o = r.pending.command == orlix::TCP_ACCEPT ? try_accept(s, r) : try_receive(s, r);
+    if (o.kind != Outcome::parked)
+        unpark(s, r);
+    else if (s.readers.size() == 1)
+        watch_readers(s, r);
+    rearm(s);
+    return o;
 }
 
 // --- Commands --------------------------------------------------------------------------------
@@ -313,6 +375,7 @@ void Tcpip::close_socket(const SocketRef& s)
     {
         std::lock_guard g(s->lock);
         s->closed = true;
+        unwatch(*s);
         waiters = std::move(s->readers);
         waiters.insert(waiters.end(), s->writers.begin(), s->writers.end());
         s->readers.clear();
@@ -887,13 +950,7 @@ void Tcpip::on_event(std::uint64_t key, std::uint32_t events)
                 return o;
             });
     for (auto& w : readers)
-        resume(w.request, w.serial, [&](Request& q) {
-                std::lock_guard g(s->lock);
-                Outcome o = q.pending.command == orlix::TCP_ACCEPT ? try_accept(*s, q) : try_receive(*s, q);
-                if (o.kind != Outcome::parked)
-                    unpark(*s, q);
-                return o;
-            });
+        resume(w.request, w.serial, [&](Request& q) { return read_step(*s, q); });
     std::lock_guard g(s->lock);
     rearm(*s);
 }

@@ -61,6 +61,9 @@ private:
     void park(Socket& s, Request& r, std::vector<Waiter>& list, bool connect);
     void unpark(Socket& s, const Request& r);
     void rearm(Socket& s);
+    void watch_readers(Socket& s, Request& r);
+    void unwatch(Socket& s);
+    Outcome read_step(Socket& s, Request& r);
     void flush(const SocketRef& s);
 
     Chunk* take_chunk();

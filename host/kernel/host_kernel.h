@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 
 #include "platform/kernel.h"
 
@@ -15,6 +16,23 @@ namespace host::kernel {
 // stack, and exceptions raised meanwhile wait until it has returned.
 using PortHandler = std::function<void(const orlix::Message&)>;
 orlix::Handle create_service_port(PortHandler handler);
+
+// A device whose parked command ends when a host descriptor becomes ready can let the thread that
+// waits on the command's reply port watch the descriptor itself: the data wakes that thread
+// directly, where a reactor would have to wake and then wake it. When fd shows the poll events,
+// the waiting thread calls ready (on its host stack, holding no kernel lock). A waiter that gives
+// up before that (time-out, exception) hands the watch back by calling unwatched, after which the
+// device watches by other means. One watch per port.
+struct PortWatch {
+    int fd;
+    short events;
+    std::function<void()> ready;
+    std::function<void()> unwatched;
+};
+// False when the port can't take a watch (it forwards its messages, or is watched already).
+bool watch_port(orlix::Handle port, std::shared_ptr<PortWatch> watch);
+// Takes the watch back unless a waiter already took it.
+void unwatch_port(orlix::Handle port, const std::shared_ptr<PortWatch>& watch);
 
 // Values that _SL_GetState reports for the selectors the host decides (registry port 9,
 // supervisor port 10).

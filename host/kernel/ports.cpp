@@ -18,6 +18,7 @@ public:
     std::deque<orlix::Message> queue;
     const PortHandler handler;
     std::weak_ptr<Port> forward; // set while a pipe leads this port's messages elsewhere
+    std::shared_ptr<PortWatch> watch; // a descriptor the next waiter watches itself
 
 private:
     void on_delete() override
@@ -85,6 +86,28 @@ orlix::Status send(KThread* self, orlix::Handle handle, const orlix::Message& me
     return orlix::STATUS_BAD_HANDLE;
 }
 
+// Sleeps until woken; with a watch on the port, also until its descriptor is ready, and then
+// takes the watch and lets the device finish its command here.
+void sleep_on(Port& port, std::unique_lock<std::mutex>& lock, const Deadline& deadline)
+{
+    std::shared_ptr<PortWatch> watch = port.watch;
+    lock.unlock();
+    KThread* self = current_thread();
+    if (!watch) {
+        self->parker.park(deadline);
+        lock.lock();
+        return;
+    }
+    bool ready = self->parker.park_polling(watch->fd, watch->events, deadline);
+    lock.lock();
+    if (ready && port.watch == watch) {
+        port.watch.reset();
+        lock.unlock();
+        watch->ready();
+        lock.lock();
+    }
+}
+
 orlix::Status receive(orlix::Handle handle, orlix::Message* out, const Deadline& deadline)
 {
     auto port = port_at(handle);
@@ -93,15 +116,47 @@ orlix::Status receive(orlix::Handle handle, orlix::Message* out, const Deadline&
     if (port->handler)
         return orlix::STATUS_BAD_ARGUMENT;
     std::unique_lock lock(port->lock);
-    orlix::Status status = wait_on(lock, port->waiters, *port, deadline, [&] { return !port->queue.empty(); });
+    orlix::Status status = wait_on(
+        lock, port->waiters, *port, deadline, [&] { return !port->queue.empty(); },
+        [&](std::unique_lock<std::mutex>& held, const Deadline& d) { sleep_on(*port, held, d); });
     if (status == orlix::STATUS_DONE) {
         *out = port->queue.front();
         port->queue.pop_front();
+    } else if (port->watch) {
+        // Nobody watches the descriptor now: the device takes it back.
+        std::shared_ptr<PortWatch> watch = std::move(port->watch);
+        lock.unlock();
+        watch->unwatched();
     }
     return status;
 }
 
 } // namespace
+
+bool watch_port(orlix::Handle handle, std::shared_ptr<PortWatch> watch)
+{
+    auto port = lookup_as<Port>(handle, Kind::port);
+    if (!port || port->handler)
+        return false;
+    std::lock_guard guard(port->lock);
+    if (port->watch || port->forward.lock() || port->dead())
+        return false;
+    port->watch = std::move(watch);
+    // A thread already asleep on the port starts watching.
+    if (KThread* waiter = port->waiters.pop())
+        waiter->parker.unpark();
+    return true;
+}
+
+void unwatch_port(orlix::Handle handle, const std::shared_ptr<PortWatch>& watch)
+{
+    auto port = lookup_as<Port>(handle, Kind::port);
+    if (!port)
+        return;
+    std::lock_guard guard(port->lock);
+    if (port->watch == watch)
+        port->watch.reset();
+}
 
 orlix::Handle create_service_port(PortHandler handler)
 {

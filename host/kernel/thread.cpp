@@ -6,13 +6,16 @@
 // leaves through a jump back to its delivery frame.
 #include "host/kernel/thread.h"
 
+#include <algorithm>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <linux/futex.h>
 #include <pthread.h>
+#include <poll.h>
 #include <signal.h>
+#include <sys/eventfd.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -45,6 +48,7 @@ struct AdoptedThread {
 thread_local AdoptedThread adopted;
 
 constexpr int SPINS_BEFORE_SLEEP = 64;
+constexpr auto POLL_SPIN = std::chrono::microseconds(50);
 constexpr std::size_t HOST_STACK_FOR_SWITCHED = 256 * 1024;
 constexpr std::size_t FALLBACK_SYSTEM_STACK = 16 * 1024;
 // Left alone below the frame that switches to the system stack: the switch's own frames (the
@@ -234,10 +238,59 @@ bool take_pending(KThread* self, PendingException* out)
 
 } // namespace
 
+Parker::~Parker()
+{
+    if (wake_fd_ >= 0)
+        ::close(wake_fd_);
+}
+
 void Parker::unpark()
 {
-    if (permit_.exchange(1, std::memory_order_seq_cst) == 0)
-        futex(&permit_, FUTEX_WAKE_PRIVATE, 1, nullptr);
+    if (permit_.exchange(1, std::memory_order_seq_cst) != 0)
+        return;
+    futex(&permit_, FUTEX_WAKE_PRIVATE, 1, nullptr);
+    if (polling_.load(std::memory_order_seq_cst)) {
+        std::uint64_t one = 1;
+        [[maybe_unused]] ssize_t n = ::write(wake_fd_, &one, sizeof one);
+    }
+}
+
+bool Parker::park_polling(int fd, short events, std::optional<Clock::time_point> deadline)
+{
+    if (wake_fd_ < 0)
+        wake_fd_ = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    if (wake_fd_ < 0) {
+        park(deadline);
+        return false;
+    }
+    // Either unpark sees the poll coming, or this sees its permit.
+    polling_.store(true, std::memory_order_seq_cst);
+    if (permit_.load(std::memory_order_seq_cst) != 0) {
+        polling_.store(false, std::memory_order_seq_cst);
+        return false;
+    }
+    int timeout = -1;
+    if (deadline) {
+        auto left = std::chrono::ceil<std::chrono::milliseconds>(*deadline - Clock::now()).count();
+        timeout = static_cast<int>(std::clamp<std::int64_t>(left, 0, INT_MAX));
+    }
+    pollfd fds[2] = {{fd, events, 0}, {wake_fd_, POLLIN, 0}};
+    // While the other side answers within tens of microseconds, looking for its answer that long
+    // costs less than the wake-up of an idle processor that sleeping would need.
+    auto start = Clock::now();
+    int n = 0;
+    if (peer_quick_)
+        for (auto until = start + POLL_SPIN; n == 0 && Clock::now() < until;)
+            n = ::poll(fds, 2, 0);
+    if (n == 0)
+        n = ::poll(fds, 2, timeout);
+    peer_quick_ = Clock::now() - start < 2 * POLL_SPIN;
+    polling_.store(false, std::memory_order_seq_cst);
+    if (fds[1].revents != 0) {
+        std::uint64_t count;
+        [[maybe_unused]] ssize_t r = ::read(wake_fd_, &count, sizeof count);
+    }
+    return n > 0 && fds[0].revents != 0;
 }
 
 void Parker::park(std::optional<Clock::time_point> deadline)

@@ -16,16 +16,23 @@
 
 namespace host::kernel {
 
-// One sleeping place per thread: a permit word and a futex on it.
+// One sleeping place per thread: a permit word and a futex on it. A thread may also sleep in the
+// host's poll of a descriptor, and then an eventfd wakes it.
 class Parker {
 public:
+    ~Parker();
     void clear() { permit_.store(0, std::memory_order_seq_cst); }
     void unpark();
     // Returns when unparked, at the deadline, or spuriously; callers re-check their condition.
     void park(std::optional<std::chrono::steady_clock::time_point> deadline);
+    // The same, also ending when fd shows one of the poll events; true in that case.
+    bool park_polling(int fd, short events, std::optional<std::chrono::steady_clock::time_point> deadline);
 
 private:
     std::atomic<std::uint32_t> permit_{0};
+    std::atomic<bool> polling_{false};
+    int wake_fd_ = -1;
+    bool peer_quick_ = true; // the last watched wait ended soon
 };
 
 struct PendingException {
@@ -215,9 +222,9 @@ inline constexpr orlix::Status STATUS_ATTEND = ~orlix::Status{0};
 // object died or the thread is being deleted, or ATTEND when an exception is to be delivered
 // (never while the thread runs host device code). When it gives up while ready() holds, it passes
 // the wake on.
-template <typename Ready>
+template <typename Ready, typename Sleep>
 orlix::Status wait_on(std::unique_lock<std::mutex>& lock, WaitList& waiters, const Object& object,
-                      const Deadline& deadline, Ready ready)
+                      const Deadline& deadline, Ready ready, Sleep sleep)
 {
     KThread* self = current_thread();
     auto give_up = [&](orlix::Status status) {
@@ -237,11 +244,21 @@ orlix::Status wait_on(std::unique_lock<std::mutex>& lock, WaitList& waiters, con
         if (deadline && Clock::now() >= *deadline)
             return give_up(orlix::STATUS_TIMEOUT);
         waiters.push(self);
-        lock.unlock();
-        self->parker.park(deadline);
-        lock.lock();
+        sleep(lock, deadline);
         waiters.remove(self);
     }
+}
+
+// The same, sleeping on the thread's parker with the lock released.
+template <typename Ready>
+orlix::Status wait_on(std::unique_lock<std::mutex>& lock, WaitList& waiters, const Object& object,
+                      const Deadline& deadline, Ready ready)
+{
+    return wait_on(lock, waiters, object, deadline, ready, [](std::unique_lock<std::mutex>& held, const Deadline& d) {
+        held.unlock();
+        current_thread()->parker.park(d);
+        held.lock();
+    });
 }
 
 // A blocking entry: runs wait(deadline) on the host stack until it ends for good. An exception

@@ -11,6 +11,9 @@
 
 #include <gtest/gtest.h>
 
+#include <poll.h>
+#include <unistd.h>
+
 #include "host/kernel/host_kernel.h"
 #include "platform/kernel.h"
 #include "platform/kernel_wrappers.h"
@@ -116,6 +119,55 @@ TEST(KernelPorts, FifoTimeoutsAndPipes)
     deleter.join();
     _SL_DeleteObject(pipe, DELETE_OBJECT);
     DeleteMsgPort(b);
+}
+
+TEST(KernelPorts, AWaiterWatchesADescriptorOrHandsTheWatchBack)
+{
+    int fds[2];
+    ASSERT_EQ(::pipe(fds), 0);
+    Handle port = _SL_CreateMsgPort(0, 0);
+    std::atomic<int> readied{0}, handed_back{0};
+    auto watch = std::make_shared<host::kernel::PortWatch>();
+    watch->fd = fds[0];
+    watch->events = POLLIN;
+    // The device finishes its command in the waiter's thread and posts the completion there.
+    watch->ready = [&] {
+        ++readied;
+        _SL_SendMsg(port, 1, 2, 3, -1);
+    };
+    watch->unwatched = [&] { ++handed_back; };
+    ASSERT_TRUE(host::kernel::watch_port(port, watch));
+    EXPECT_FALSE(host::kernel::watch_port(port, watch)) << "one watch per port";
+    std::thread writer([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        [[maybe_unused]] ssize_t n = ::write(fds[1], "x", 1);
+    });
+    Message m{};
+    EXPECT_EQ(_SL_RecvMsgPtr(port, &m, 5000), STATUS_DONE);
+    writer.join();
+    EXPECT_EQ(m.type, 2u);
+    EXPECT_EQ(readied.load(), 1);
+    EXPECT_EQ(handed_back.load(), 0);
+
+    // A waiter that gives up hands the watch back; a watch taken back is nobody's.
+    char drained;
+    [[maybe_unused]] ssize_t n = ::read(fds[0], &drained, 1);
+    ASSERT_TRUE(host::kernel::watch_port(port, watch));
+    EXPECT_EQ(_SL_RecvMsgPtr(port, &m, 20), STATUS_TIMEOUT);
+    EXPECT_EQ(handed_back.load(), 1);
+    ASSERT_TRUE(host::kernel::watch_port(port, watch));
+    host::kernel::unwatch_port(port, watch);
+    EXPECT_EQ(_SL_RecvMsgPtr(port, &m, 20), STATUS_TIMEOUT);
+    EXPECT_EQ(handed_back.load(), 1);
+
+    // A port that forwards its messages can't be watched.
+    Handle source = _SL_CreateMsgPort(0, 0);
+    Handle pipe = _SL_CreateMsgPipe(0, port, source, 0, 0);
+    EXPECT_FALSE(host::kernel::watch_port(source, watch));
+    for (Handle h : {pipe, source, port})
+        DeleteMsgPort(h);
+    ::close(fds[0]);
+    ::close(fds[1]);
 }
 
 TEST(KernelSync, SemaphoresKeepSignalsAndEventsFollowTheirModes)
