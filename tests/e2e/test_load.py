@@ -5,6 +5,7 @@ warmed it up, its resident memory too. Usage: test_load.py FTPD [unittest argume
 import os
 import random
 import threading
+import time
 
 import harness
 from harness import WAIT, Server, ServerCase, fetch, store
@@ -21,6 +22,20 @@ R226 = b"226 Transfer complete\r\n"
 
 def descriptors(pid):
     return len(os.listdir(f"/proc/{pid}/fd"))
+
+
+def settled_descriptors(pid):
+    """The count once the start-up probe's session has quite ended: its worker may still be
+    closing its own descriptors when the client has seen the end of the connection."""
+    last = descriptors(pid)
+    deadline = time.monotonic() + WAIT
+    while time.monotonic() < deadline:
+        time.sleep(0.2)
+        now = descriptors(pid)
+        if now == last:
+            return now
+        last = now
+    raise AssertionError(f"ftpd's descriptors never settled: {last}")
 
 
 def sanitized(pid):
@@ -99,7 +114,7 @@ class FullHouse(ServerCase):
         pid = self.server.proc.pid
         shared = random.Random(1).randbytes(256 << 10)
         self.server.write("shared", shared)
-        fds = descriptors(pid)
+        fds = settled_descriptors(pid)
         rss = None
         for number in range(WAVES):
             self.wave(number, shared)
