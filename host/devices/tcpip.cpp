@@ -1,7 +1,8 @@
-// The tcpip device: the socket commands over Linux sockets. Sends are copied into a per-socket
-// buffer that the reactor writes out in large pieces; receives are served from bytes read ahead.
-// Host code; it meets the system only through the wire records of platform/tcp_wire.h.
+// The tcpip device: the socket commands over Linux sockets. Receives are served from bytes read
+// ahead; sends are buffered (tcpip_send.cpp). Host code; it meets the system only through the
+// wire records of platform/tcp_wire.h.
 #include "host/devices/tcpip.h"
+#include "host/devices/tcpip_socket.h"
 
 #include "host/kernel/host_kernel.h"
 
@@ -21,11 +22,9 @@ namespace host::devices {
 
 using orlix::IOreq;
 
-namespace {
-
 // Linux error numbers to the device's statuses: the client's table where it has a status, else
 // the platform's own error number carried in a 0xbe status.
-std::uint32_t status_of_errno(int e)
+std::uint32_t tcp_status_of_errno(int e)
 {
     auto carried = [](std::uint32_t n) { return orlix::STATUS_CARRIES_ERRNO | n; };
     switch (e) {
@@ -67,72 +66,13 @@ std::uint32_t status_of_errno(int e)
     }
 }
 
-constexpr std::uint32_t STATUS_PIPE = orlix::STATUS_CARRIES_ERRNO | 5;
-
-constexpr std::size_t CHUNK_SIZE = std::size_t{64} << 10;
-constexpr std::size_t SEND_LIMIT = std::size_t{512} << 10;       // buffered bytes before sends wait
-constexpr std::size_t RECV_MIN = std::size_t{16} << 10;
-constexpr std::size_t RECV_MAX = std::size_t{256} << 10;
-constexpr std::size_t POOL_KEEP = 64;                              // idle chunks kept for reuse
-constexpr std::size_t SHORT_SEND = 4096;                           // sent at once when possible
-// The host queues connections beyond the backlog asked for: a burst of clients that comes faster
-// than they are accepted must not be dropped.
-constexpr int LISTEN_QUEUE_MIN = 1024;
-constexpr int FLUSH_IOVECS = 16;
-constexpr int FLUSH_ROUNDS = 64;                                   // writes per turn of one socket
-constexpr auto CLOSE_FLUSH_LIMIT = std::chrono::seconds(30);       // without linger
+namespace {
 
 template <typename T> T* params_of(Request& r) { return reinterpret_cast<T*>(r.area(r.block->params, sizeof(T))); }
 
 } // namespace
 
 // --- Sockets ---------------------------------------------------------------------------------
-
-struct Tcpip::Chunk {
-    std::size_t start = 0;
-    std::size_t end = 0;
-    std::uint8_t bytes[CHUNK_SIZE];
-};
-
-struct Tcpip::Waiter {
-    RequestRef request;
-    std::uint64_t serial;
-    bool connect; // waits for the connection rather than for buffer space
-};
-
-struct Tcpip::Socket : std::enable_shared_from_this<Tcpip::Socket> {
-    std::int32_t number = -1;
-    int fd = -1;
-    Open* owner = nullptr;
-    std::mutex lock; // guards all below; the reactor writes from `chunks` without it
-
-    bool connected = false;
-    bool eof = false;
-    bool closed = false;      // closed by the client; the reactor may still be flushing
-    bool broken = false;      // a send failed on the host: nothing more goes out
-    std::uint32_t pending_error = 0; // found while flushing, told to the next command
-    bool linger_on = false;
-    std::uint32_t linger_seconds = 0;
-
-    std::uint32_t armed = 0;  // events the reactor is armed for
-    bool flush_queued = false; // the reactor owns the writing until it clears this
-    bool flush_blocked = false; // the host socket is full; waiting for EPOLLOUT
-
-    std::vector<Waiter> readers; // accepts and receives
-    std::vector<Waiter> writers; // connects and sends waiting for space
-
-    std::vector<Chunk*> chunks; // bytes taken and not yet written, oldest first
-    std::size_t buffered = 0;
-
-    std::unique_ptr<std::uint8_t[]> rbuf; // bytes read ahead
-    std::size_t rcap = 0, rstart = 0, rend = 0;
-    bool answers = false; // bytes have come in: a reply goes out at once, not through the reactor
-    // Set while the thread waiting on the first reader's reply port watches the descriptor itself;
-    // the reactor then doesn't.
-    std::shared_ptr<host::kernel::PortWatch> watch;
-    orlix::Handle watch_port = 0;
-    std::size_t rnext = RECV_MIN; // size of the next read-ahead buffer
-};
 
 Tcpip::Tcpip() : Service("tcpip", TCPIP_SHARED_AREA) { reactor(); }
 
@@ -178,32 +118,6 @@ Tcpip::SocketRef Tcpip::add_socket(int fd, Open* owner)
     s->number = next_number_;
     sockets_.emplace(s->number, s);
     return s;
-}
-
-Tcpip::Chunk* Tcpip::take_chunk()
-{
-    {
-        std::lock_guard g(pool_lock_);
-        if (!pool_.empty()) {
-            Chunk* c = pool_.back();
-            pool_.pop_back();
-            c->start = c->end = 0;
-            return c;
-        }
-    }
-    return new Chunk;
-}
-
-void Tcpip::give_chunk(Chunk* c)
-{
-    {
-        std::lock_guard g(pool_lock_);
-        if (pool_.size() < POOL_KEEP) {
-            pool_.push_back(c);
-            return;
-        }
-    }
-    delete c;
 }
 
 // Asks the reactor for the events the socket's waiters need (s.lock held).
@@ -325,12 +239,12 @@ Outcome Tcpip::cmd_create(Request& r)
     if (p->domain != orlix::AF_INET_VALUE)
         return Outcome::fail(orlix::TCP_STATUS_NO_FAMILY);
     if (p->type != orlix::SOCK_STREAM_VALUE)
-        return Outcome::fail(status_of_errno(ESOCKTNOSUPPORT));
+        return Outcome::fail(tcp_status_of_errno(ESOCKTNOSUPPORT));
     if (p->protocol != 0 && p->protocol != orlix::IPPROTO_TCP_VALUE)
         return Outcome::fail(orlix::TCP_STATUS_NO_PROTOCOL);
     int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (fd < 0)
-        return Outcome::fail(status_of_errno(errno));
+        return Outcome::fail(tcp_status_of_errno(errno));
     int one = 1;
     ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
     p->socket = add_socket(fd, r.open)->number;
@@ -366,8 +280,8 @@ Outcome Tcpip::cmd_close(Request& r)
     return Outcome::ok();
 }
 
-// Ends every command waiting on s and closes it. Bytes still buffered are written first by the
-// reactor, for at most the linger time, and the reactor makes the host close.
+// Ends every command waiting on s and closes it. Bytes still buffered go out first: at once what
+// the host takes, the rest by the reactor for at most the linger time, and it makes the host close.
 void Tcpip::close_socket(const SocketRef& s)
 {
     std::vector<Waiter> waiters;
@@ -382,6 +296,10 @@ void Tcpip::close_socket(const SocketRef& s)
         s->writers.clear();
         s->rbuf.reset();
         s->rcap = s->rstart = s->rend = 0;
+        // What is left goes out now if the host takes it; a linger of 0 drops it, as on the host.
+        bool drop = s->linger_on && s->linger_seconds == 0;
+        if (s->buffered != 0 && !s->flush_queued && !s->broken && !drop)
+            write_out(*s);
         reactor_closes = s->flush_queued;
         if (reactor_closes) {
             std::lock_guard t(table_lock_);
@@ -467,7 +385,7 @@ Outcome Tcpip::cmd_address(Request& r)
                 return Outcome::fail(orlix::TCP_STATUS_NO_FAMILY);
             sa.sin_family = AF_INET;
             if (::bind(s->fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 0)
-                return Outcome::fail(status_of_errno(errno));
+                return Outcome::fail(tcp_status_of_errno(errno));
             return Outcome::ok();
         }
         sockaddr_in sa{};
@@ -475,7 +393,7 @@ Outcome Tcpip::cmd_address(Request& r)
         int rc = r.pending.command == orlix::TCP_GETNAME ? ::getsockname(s->fd, reinterpret_cast<sockaddr*>(&sa), &sl)
                                                           : ::getpeername(s->fd, reinterpret_cast<sockaddr*>(&sa), &sl);
         if (rc != 0)
-            return Outcome::fail(status_of_errno(errno));
+            return Outcome::fail(tcp_status_of_errno(errno));
         orlix::sockaddr_in out{};
         out.sin_family = orlix::AF_INET_VALUE;
         out.sin_port = sa.sin_port;
@@ -513,9 +431,9 @@ Outcome Tcpip::cmd_setopt(Request& r)
         else if (p->level == orlix::IPPROTO_TCP_VALUE)
             level = IPPROTO_TCP;
         else
-            return Outcome::fail(status_of_errno(ENOPROTOOPT));
+            return Outcome::fail(tcp_status_of_errno(ENOPROTOOPT));
         if (::setsockopt(s->fd, level, static_cast<int>(p->option), value, length) != 0)
-            return Outcome::fail(status_of_errno(errno));
+            return Outcome::fail(tcp_status_of_errno(errno));
         return Outcome::ok();
     });
 }
@@ -528,7 +446,7 @@ Outcome Tcpip::cmd_listen(Request& r)
     return on_open_socket(p->socket, [&](Socket* s) {
         int backlog = static_cast<int>(std::min<std::uint32_t>(p->backlog, 4096));
         if (::listen(s->fd, std::max(backlog, LISTEN_QUEUE_MIN)) != 0)
-            return Outcome::fail(status_of_errno(errno));
+            return Outcome::fail(tcp_status_of_errno(errno));
         return Outcome::ok();
     });
 }
@@ -563,7 +481,7 @@ Outcome Tcpip::try_accept(Socket& s, Request& r)
     if (fd < 0) {
         if (errno == EAGAIN || errno == EWOULDBLOCK || errno == ECONNABORTED || errno == EINTR)
             return Outcome::wait();
-        return Outcome::fail(status_of_errno(errno));
+        return Outcome::fail(tcp_status_of_errno(errno));
     }
     SocketRef n = add_socket(fd, s.owner);
     n->connected = true;
@@ -605,7 +523,7 @@ Outcome Tcpip::cmd_connect(Request& r)
             return Outcome::ok();
         }
         if (errno != EINPROGRESS)
-            return Outcome::fail(status_of_errno(errno));
+            return Outcome::fail(tcp_status_of_errno(errno));
         park(*s, r, s->writers, true);
         return Outcome::wait();
     });
@@ -630,7 +548,7 @@ Outcome Tcpip::try_connect(Socket& s)
     }
     if (err == EINPROGRESS || err == EALREADY)
         return Outcome::wait();
-    return Outcome::fail(status_of_errno(err));
+    return Outcome::fail(tcp_status_of_errno(err));
 }
 
 Outcome Tcpip::cmd_transfer(Request& r)
@@ -664,52 +582,6 @@ Outcome Tcpip::cmd_transfer(Request& r)
     });
 }
 
-void Tcpip::set_result(Request& r)
-{
-    reinterpret_cast<orlix::TcpTransferParams*>(r.pending.params)->result = r.pending.done;
-}
-
-// Takes what fits of the send into the buffer (s.lock held); done when all is taken.
-Outcome Tcpip::try_send(Socket& s, Request& r)
-{
-    Pending& p = r.pending;
-    if (s.closed)
-        return Outcome::fail(orlix::TCP_STATUS_ABORTED);
-    if (s.broken)
-        return Outcome::fail(STATUS_PIPE);
-    if (!s.connected)
-        return Outcome::fail(orlix::TCP_STATUS_NOT_CONNECTED);
-    // A socket that answers what it receives (a control connection) sends a short reply straight
-    // away when nothing is buffered before it: a hop through the reactor would cost a wake-up.
-    if (s.answers && s.chunks.empty() && !s.flush_queued && p.length - p.done <= SHORT_SEND) {
-        ssize_t n = ::send(s.fd, p.data + p.done, p.length - p.done, MSG_NOSIGNAL | MSG_DONTWAIT);
-        if (n > 0)
-            p.done += static_cast<std::uint64_t>(n);
-        else if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)
-            return Outcome::fail(status_of_errno(errno));
-    }
-    while (p.done < p.length && s.buffered < SEND_LIMIT) {
-        if (s.chunks.empty() || s.chunks.back()->end == CHUNK_SIZE)
-            s.chunks.push_back(take_chunk());
-        Chunk* c = s.chunks.back();
-        std::size_t n = std::min<std::uint64_t>({CHUNK_SIZE - c->end, p.length - p.done, SEND_LIMIT - s.buffered});
-        std::memcpy(c->bytes + c->end, p.data + p.done, n);
-        c->end += n;
-        p.done += n;
-        s.buffered += n;
-    }
-    if (s.buffered != 0 && !s.flush_queued) {
-        s.flush_queued = true;
-        {
-            std::lock_guard g(flush_lock_);
-            to_flush_.push_back(s.shared_from_this());
-        }
-        reactor().wake();
-    }
-    set_result(r);
-    return p.done == p.length ? Outcome::ok() : Outcome::wait();
-}
-
 Tcpip::SocketRef Tcpip::lookup_any(std::int32_t number)
 {
     std::lock_guard g(table_lock_);
@@ -728,6 +600,9 @@ Outcome Tcpip::try_receive(Socket& s, Request& r)
     if (s.closed)
         return Outcome::fail(orlix::TCP_STATUS_ABORTED);
     bool all = (p.flags & orlix::MSG_WAITALL_VALUE) != 0;
+    // A receive takes all that has come, up to its length: when the bytes read ahead run out
+    // before that, the host is asked once more, as its own receive would find them.
+    bool asked = false;
     for (;;) {
         if (s.rend > s.rstart) {
             std::size_t n = std::min<std::uint64_t>(s.rend - s.rstart, p.length - p.done);
@@ -742,7 +617,7 @@ Outcome Tcpip::try_receive(Socket& s, Request& r)
                 }
             }
         }
-        if (p.done == p.length || (p.done > 0 && !all)) {
+        if (p.done == p.length || (p.done > 0 && !all && asked)) {
             set_result(r);
             return Outcome::ok();
         }
@@ -755,6 +630,7 @@ Outcome Tcpip::try_receive(Socket& s, Request& r)
             s.rbuf.reset(new std::uint8_t[s.rcap]);
         }
         ssize_t n = ::recv(s.fd, s.rbuf.get(), s.rcap, MSG_DONTWAIT);
+        asked = true;
         if (n > 0) {
             s.answers = true;
             s.rstart = 0;
@@ -769,11 +645,18 @@ Outcome Tcpip::try_receive(Socket& s, Request& r)
             s.eof = true;
             continue;
         }
+        if ((errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) && p.done > 0 && !all) {
+            set_result(r);
+            return Outcome::ok();
+        }
         if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) {
+            // The peer may wait for what this side still holds before it says anything.
+            if (s.buffered != 0 && !s.flush_queued && s.writers.empty())
+                write_out(s);
             set_result(r);
             return Outcome::wait();
         }
-        std::uint32_t status = status_of_errno(errno);
+        std::uint32_t status = tcp_status_of_errno(errno);
         if (p.done > 0) { // hand over what came; the error waits for the next command
             s.pending_error = status;
             set_result(r);
@@ -803,119 +686,6 @@ Outcome Tcpip::timed_out(Request& r)
 }
 
 // --- The reactor's side --------------------------------------------------------------------
-
-void Tcpip::on_wake()
-{
-    std::vector<SocketRef> work;
-    {
-        std::lock_guard g(flush_lock_);
-        work.swap(to_flush_);
-    }
-    for (auto& s : work)
-        flush(s);
-}
-
-// Writes the socket's buffered bytes to the host in large pieces until none are left or the
-// host socket is full. Only the reactor writes, and only while flush_queued is set.
-void Tcpip::flush(const SocketRef& s)
-{
-    iovec iov[FLUSH_IOVECS];
-    for (int round = 0;; ++round) {
-        if (round == FLUSH_ROUNDS) {
-            // Others wait too: go to the back of the queue, still owning the writing.
-            {
-                std::lock_guard g(flush_lock_);
-                to_flush_.push_back(s);
-            }
-            reactor().wake();
-            return;
-        }
-        int count = 0;
-        {
-            std::lock_guard g(s->lock);
-            if (s->fd < 0)
-                return;
-            if (s->buffered == 0 || s->broken || s->flush_blocked) {
-                if (!s->flush_blocked)
-                    s->flush_queued = false;
-                bool done_closing = s->closed && !s->flush_blocked;
-                if (!done_closing)
-                    return;
-            } else {
-                for (Chunk* c : s->chunks) {
-                    if (count == FLUSH_IOVECS)
-                        break;
-                    if (c->end > c->start)
-                        iov[count++] = {c->bytes + c->start, c->end - c->start};
-                }
-            }
-        }
-        if (count == 0) { // a closed socket whose bytes are out
-            finish_close(s, false);
-            return;
-        }
-        msghdr mh{};
-        mh.msg_iov = iov;
-        mh.msg_iovlen = static_cast<std::size_t>(count);
-        ssize_t n = ::sendmsg(s->fd, &mh, MSG_NOSIGNAL | MSG_DONTWAIT);
-        int err = n < 0 ? errno : 0;
-        std::vector<Waiter> writers;
-        {
-            std::lock_guard g(s->lock);
-            if (n > 0) {
-                auto left = static_cast<std::size_t>(n);
-                s->buffered -= left;
-                while (left > 0) {
-                    Chunk* c = s->chunks.front();
-                    std::size_t k = std::min(left, c->end - c->start);
-                    c->start += k;
-                    left -= k;
-                    if (c->start == CHUNK_SIZE) {
-                        give_chunk(c);
-                        s->chunks.erase(s->chunks.begin());
-                    }
-                }
-                if (s->buffered == 0) { // an idle socket holds no buffer
-                    for (Chunk* c : s->chunks)
-                        give_chunk(c);
-                    s->chunks.clear();
-                }
-            } else if (err == EAGAIN || err == EWOULDBLOCK) {
-                s->flush_blocked = true;
-                rearm(*s);
-                return;
-            } else if (err != EINTR) {
-                s->broken = true;
-                s->pending_error = status_of_errno(err);
-                for (Chunk* c : s->chunks)
-                    give_chunk(c);
-                s->chunks.clear();
-                s->buffered = 0;
-            }
-            for (auto& w : s->writers)
-                if (!w.connect)
-                    writers.push_back(w);
-        }
-        for (auto& w : writers)
-            resume(w.request, w.serial, [&](Request& q) { return resume_send(*s, q); });
-    }
-}
-
-Outcome Tcpip::resume_send(Socket& s, Request& r)
-{
-    std::lock_guard g(s.lock);
-    if (s.pending_error && s.broken) {
-        unpark(s, r);
-        set_result(r);
-        std::uint32_t e = s.pending_error;
-        s.pending_error = 0;
-        return Outcome::fail(e);
-    }
-    Outcome o = try_send(s, r);
-    if (o.kind != Outcome::parked)
-        unpark(s, r);
-    return o;
-}
 
 void Tcpip::on_event(std::uint64_t key, std::uint32_t events)
 {

@@ -8,6 +8,8 @@
 #include <mutex>
 #include <vector>
 
+#include <sys/uio.h>
+
 #include "host/devices/devices.h"
 #include "host/devices/framework.h"
 #include "platform/tcp_wire.h"
@@ -65,6 +67,13 @@ private:
     void unwatch(Socket& s);
     Outcome read_step(Socket& s, Request& r);
     void flush(const SocketRef& s);
+    static int gather(Socket& s, iovec* iov);
+    void consume(Socket& s, std::size_t n);
+    void break_socket(Socket& s, int err);
+    void write_out(Socket& s);
+    void queue_flush(Socket& s);
+    void defer_flush(Socket& s);
+    void flush_deferred();
 
     Chunk* take_chunk();
     void give_chunk(Chunk* c);
@@ -76,6 +85,8 @@ private:
 
     std::mutex flush_lock_;
     std::vector<SocketRef> to_flush_;
+    std::vector<SocketRef> deferred_; // remainders for the reactor's next turn
+    bool tick_armed_ = false;         // a timer will flush deferred_
 
     std::mutex pool_lock_;
     std::vector<Chunk*> pool_;

@@ -213,6 +213,45 @@ TEST_F(Tcpip, AWaitingReceiveEndsByAbortLosingNoBytesOrByEndOfStream)
     ::close(peer);
 }
 
+TEST_F(Tcpip, ShortSendsGoOutUnpromptedAndReceivesTakeAllThatHasCome)
+{
+    auto [s, peer] = connected_pair();
+    timeval two_seconds{2, 0};
+    ::setsockopt(peer, SOL_SOCKET, SO_RCVTIMEO, &two_seconds, sizeof two_seconds);
+    // A line at a time, as a listing goes, on a socket that has received nothing: the bytes reach
+    // the peer without a close, a receive or any further send.
+    std::string lines;
+    for (int i = 0; i < 500; ++i) {
+        std::string line = "entry-" + std::to_string(i) + "\r\n";
+        ASSERT_EQ(tcp.send(s, line.data(), line.size()), MSG_IO_DONE);
+        lines += line;
+    }
+    std::string got(lines.size(), '\0');
+    ASSERT_TRUE(host_read_all(peer, got.data(), got.size()));
+    EXPECT_EQ(got, lines);
+    ASSERT_TRUE(host_write_all(peer, "x", 1));
+    ASSERT_EQ(tcp.receive(s, 1), MSG_IO_DONE);
+    // Once it answers, a short send leaves at once too.
+    ASSERT_EQ(tcp.send(s, "200 ok\r\n", 8), MSG_IO_DONE);
+    ASSERT_TRUE(host_read_all(peer, got.data(), 8));
+    EXPECT_EQ(got.substr(0, 8), "200 ok\r\n");
+
+    // With everything already come, each receive is full however the bytes read ahead fall.
+    std::vector<std::uint8_t> out(200000);
+    for (std::size_t i = 0; i < out.size(); ++i)
+        out[i] = static_cast<std::uint8_t>(i % 251);
+    ASSERT_TRUE(host_write_all(peer, out.data(), out.size()));
+    sleep_for(milliseconds(50));
+    std::vector<std::uint8_t> in;
+    while (in.size() < out.size()) {
+        ASSERT_EQ(tcp.receive(s, 3000), MSG_IO_DONE);
+        ASSERT_EQ(tcp.result(), std::min<std::size_t>(3000, out.size() - in.size())) << "at " << in.size();
+        in.insert(in.end(), tcp.at(devtest::DATA), tcp.at(devtest::DATA) + tcp.result());
+    }
+    EXPECT_TRUE(in == out);
+    ::close(peer);
+}
+
 TEST_F(Tcpip, PeerResetReachesTheCaller)
 {
     // A peer that resets: sends are taken into the buffer until the flushing meets the reset,
