@@ -194,35 +194,29 @@ public:
         live_.push_back(Range{base, size});
     }
 
+    // The deferred work is done under the lock, in the order it came: a view's protection that
+    // ran after its reservation's unmapping could land on a new thread's stack at that address.
     void leave(std::uintptr_t base)
     {
-        std::vector<Deferred> due;
-        {
-            std::lock_guard guard(lock_);
-            std::erase_if(live_, [&](const Range& r) { return r.base == base; });
-            std::erase_if(deferred_, [&](const Deferred& d) {
-                if (covers_live(d.range))
-                    return false;
-                due.push_back(d);
-                return true;
-            });
-        }
-        for (const Deferred& d : due)
+        std::lock_guard guard(lock_);
+        std::erase_if(live_, [&](const Range& r) { return r.base == base; });
+        std::erase_if(deferred_, [&](const Deferred& d) {
+            if (covers_live(d.range))
+                return false;
             dispose_now(d.range.base, d.range.size, d.how);
+            return true;
+        });
     }
 
     // Unmaps, or makes inaccessible, now or once no live stack lies in the range.
     void dispose(std::uintptr_t base, std::size_t size, How how)
     {
-        {
-            std::lock_guard guard(lock_);
-            Range range{base, size};
-            if (covers_live(range)) {
-                deferred_.push_back(Deferred{range, how});
-                return;
-            }
-        }
-        dispose_now(base, size, how);
+        std::lock_guard guard(lock_);
+        Range range{base, size};
+        if (covers_live(range))
+            deferred_.push_back(Deferred{range, how});
+        else
+            dispose_now(base, size, how);
     }
 
     bool overlaps_live(std::uintptr_t base, std::size_t size)

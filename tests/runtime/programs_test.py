@@ -115,6 +115,9 @@ class Threads(unittest.TestCase):
         status, out, _ = run("threads", "detached")
         self.assertEqual(status, 0, out)
 
+    def test_threads_started_while_the_last_one_ends_keep_their_stacks(self):
+        self.assertEqual(run("threads", "churn")[0], 0)
+
     def test_the_last_thread_ends_the_process(self):
         status, out, _ = run("threads", "last")
         self.assertEqual((status, out), (0, "last thread ends\n"))

@@ -1,6 +1,8 @@
 // Threads. argv[1]: "gate" checks that a new thread finds its record complete; "detached" runs
-// detached threads one after another and checks that their memory does not pile up; "last" ends
-// the first thread while a detached one still runs, which then ends the process with status 0.
+// detached threads one after another and checks that their memory does not pile up; "churn"
+// starts each detached thread while the one before is still ending, as a server's sessions come
+// and go; "last" ends the first thread while a detached one still runs, which then ends the
+// process with status 0.
 #include <cstring>
 
 #include "platform/atomic.h"
@@ -73,6 +75,32 @@ int detached_in_turn(int count, std::uint64_t* objects)
     return 0;
 }
 
+orlix::Handle ran = orlix::INVALID_HANDLE;
+
+void* signal_ran(void*)
+{
+    orlix::_SL_SetEvent(ran, 0, 0, 0);
+    return nullptr;
+}
+
+// The memory of each thread is freed while the next one starts: neither may lose its stack.
+int churn(int count)
+{
+    ran = orlix::_SL_CreateEvent(0, 2);
+    orlix::pthread_attr_t attr;
+    orlix::pthread_attr_init(&attr);
+    orlix::pthread_attr_setdetachstate(&attr, 1);
+    orlix::pthread_attr_setstacksize(&attr, 16384);
+    for (int i = 0; i < count; ++i) {
+        orlix::pthread_t thread;
+        orlix::Message record{};
+        if (orlix::pthread_create(&thread, &attr, signal_ran, nullptr) != 0 ||
+            orlix::_SL_WaitForEventPtr(ran, &record, -1) != orlix::STATUS_DONE)
+            return 105;
+    }
+    return 0;
+}
+
 } // namespace
 
 int orlix::main(int argc, char** argv, char**)
@@ -97,6 +125,8 @@ int orlix::main(int argc, char** argv, char**)
                       static_cast<unsigned long long>(after_thirty));
         return after_thirty == after_three ? 0 : 1;
     }
+    if (std::strcmp(argv[1], "churn") == 0)
+        return churn(30000);
     if (std::strcmp(argv[1], "last") == 0) {
         orlix::pthread_attr_t attr;
         orlix::pthread_attr_init(&attr);
