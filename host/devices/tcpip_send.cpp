@@ -198,9 +198,9 @@ Outcome Tcpip::try_send(Socket& s, Request& r)
     set_result(r);
     if (s.buffered == 0 || s.flush_queued)
         return p.done == p.length ? Outcome::ok() : Outcome::wait();
-    // A stream of large sends is written by the reactor while the sender makes the next piece;
-    // other senders waiting for room are resumed by the reactor's writing only.
-    if (!s.writers.empty() || (!s.answers && p.length >= SHORT_SEND)) {
+    // A good piece of a stream of large sends is written by the reactor while the sender makes
+    // the next one; other senders waiting for room are resumed by the reactor's writing only.
+    if (!s.writers.empty() || (!s.answers && s.buffered >= WRITE_AT && p.length >= SHORT_SEND)) {
         queue_flush(s);
     } else if (s.answers || s.buffered >= WRITE_AT) {
         write_out(s);
