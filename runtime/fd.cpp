@@ -21,6 +21,17 @@ bool room_for(ThreadRecord* self, IoSlot* slot, std::uint64_t size)
     return slot->data_size >= size || __pthread_expand_ioreq(self, slot, size) != nullptr;
 }
 
+// The whole length of a vector that is valid and fits the data part, or -1 with errno set.
+std::int64_t vector_length(ThreadRecord* self, IoSlot* slot, const iovec* vector, int count)
+{
+    std::int64_t total = __iov_totlen(vector, count);
+    if (total < 0) {
+        errno = ERR_INVAL;
+        return -1;
+    }
+    return room_for(self, slot, static_cast<std::uint64_t>(total)) ? total : -1;
+}
+
 void fill_transfer(IoSlot* slot, int fd, std::uint64_t length)
 {
     auto* p = __io_params<VfsTransferParams>(slot);
@@ -92,12 +103,8 @@ std::int64_t __readv(int fd, const iovec* vector, int count)
     return __vfs_call(
         VFS_READ, NO_RESTART,
         [&](ThreadRecord* self, IoSlot* slot) {
-            std::int64_t total = __iov_totlen(vector, count);
-            if (total < 0) {
-                errno = ERR_INVAL;
-                return false;
-            }
-            if (!room_for(self, slot, static_cast<std::uint64_t>(total)))
+            std::int64_t total = vector_length(self, slot, vector, count);
+            if (total < 0)
                 return false;
             fill_transfer(slot, fd, static_cast<std::uint64_t>(total));
             return true;
@@ -115,12 +122,8 @@ std::int64_t __writev(int fd, const iovec* vector, int count)
     return __vfs_call(
         VFS_WRITE, NO_RESTART,
         [&](ThreadRecord* self, IoSlot* slot) {
-            std::int64_t total = __iov_totlen(vector, count);
-            if (total < 0) {
-                errno = ERR_INVAL;
-                return false;
-            }
-            if (!room_for(self, slot, static_cast<std::uint64_t>(total)))
+            std::int64_t total = vector_length(self, slot, vector, count);
+            if (total < 0)
                 return false;
             IovCursor cursor{vector, count, 0};
             __iov_read(&cursor, slot->data, static_cast<std::uint64_t>(total));
